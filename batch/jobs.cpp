@@ -1,0 +1,136 @@
+// The job and worker records, and the host's job list.
+#include <cstring>
+
+#include "channel/webChannel.h"
+#include "util/fs.h"
+#include "util/strings.h"
+
+webChannel::httpGetJob::httpGetJob() : size(0), start(0), end(0), downloaded(0), part(0) {}
+
+webChannel::httpGetJob::httpGetJob(const std::string& url_) : httpGetJob() {
+    url = url_;
+}
+
+webChannel::httpGetJob::httpGetJob(const char* url_) : httpGetJob() {
+    if (url_ != nullptr) url = url_;
+}
+
+webChannel::httpGetJob::~httpGetJob() = default;
+
+webChannel::threadData::threadData() : channel(nullptr), index(-1), size(0), error(0) {}
+
+namespace {
+
+const char* orNull(const char* text) {
+    return text != nullptr ? text : "(null)";
+}
+
+}  // namespace
+
+int webChannel::addJob(const char* url, const char* file, long long size, const char* checksum_,
+                       const char* algorithm) {
+    if (logging())
+        log("VRAXSecureWebChannel::addJob: started with %s : %s : %s", orNull(url), orNull(file), orNull(algorithm));
+    if (url == nullptr || file == nullptr) return kInvalidArgument;
+    if (size < 0) return kInvalidArgument;
+
+    if (size == 0 && !hasParam(kParamUnknownSize)) {
+        if (m_buffer == nullptr) return kInvalidArgument;  // init() has not sized the buffers
+        // Probe: the head of a GET tells the size. -1 marks "no length seen",
+        // so a stale length of an earlier response is never taken, and an
+        // announced length of 0 (an empty file) is.
+        m_responseLength = -1;
+        int attempts = 0;
+        connection* conn = nullptr;
+        std::string current = url;
+        int result;
+        do {
+            if (attempts < 0 && conn != nullptr) current = conn->location;
+            result = httpGet(conn, current, std::string(), nullptr, nullptr, attempts);
+        } while (result == kRepeat);
+        releaseRetired();
+        size = result == kOk ? m_responseLength : -1;
+        if (logging()) log("VRAXSecureWebChannel::addJob: calculated size is %lld", size);
+        if (size < 0) {
+            m_responseLength = 0;
+            return kInvalidArgument;
+        }
+    }
+    if (logging()) log("VRAXSecureWebChannel::addJob:file is %s", file);
+
+    httpGetJob job;
+    job.url = url;
+    job.file = file;
+    job.size = size;
+    job.start = 0;
+    job.end = size - 1;
+    if (checksum_ != nullptr) job.checksum = to_lower(checksum_);
+    if (algorithm != nullptr) job.algorithm = to_lower(algorithm);
+
+    // A target that already holds the expected content is not fetched again.
+    // An empty expected digest proves nothing (an unreadable file digests to
+    // the empty text as well), so it never skips a download.
+    if (!job.algorithm.empty() && !job.checksum.empty()) {
+        std::string digest = checksum(file, job.algorithm);
+        if (digest.size() == job.checksum.size() && digest == job.checksum) return kAlreadyPresent;
+    }
+
+    std::string directory = get_dirname(file);
+    if (!directory.empty() && !path_exists(directory)) folder_create(directory, 0755);
+
+    bool listed = false;
+    for (const httpGetJob& existing : m_httpGetJobs) {
+        if (existing == job) {
+            listed = true;
+            break;
+        }
+    }
+    if (!listed) m_httpGetJobs.push_back(job);
+
+    // Every new job starts from an empty target.
+    FILE* target = fopen(file, "w");
+    if (target == nullptr) return kFileWrite;
+    fclose(target);
+    if (logging()) log("VRAXSecureWebChannel::addJob: finished");
+    return kOk;
+}
+
+int webChannel::addJob_c(const char* url, const char* file, long long size, const char* checksum_,
+                         const char* algorithm) {
+    return addJob(url, file, size, checksum_, algorithm);
+}
+
+int webChannel::removeJob(const char* url) {
+    if (logging()) log("VRAXSecureWebChannel::removeJob: started with %s", orNull(url));
+    if (url == nullptr) return (int)m_httpGetJobs.size();
+    httpGetJob probe(url);
+    for (auto job = m_httpGetJobs.begin(); job != m_httpGetJobs.end(); ++job) {
+        if (*job == probe) {
+            if (logging()) log("VRAXSecureWebChannel::removeJob: removed global entry");
+            m_httpGetJobs.erase(job);
+            break;
+        }
+    }
+    for (size_t t = 0; t < m_batch.size(); ++t) {
+        std::vector<httpGetJob>& jobs = m_batch[t]->jobs;
+        for (auto job = jobs.begin(); job != jobs.end();) {
+            if (*job == probe) {
+                if (logging()) log("VRAXSecureWebChannel::removeJob: removed entry from thread %d", (int)t);
+                job = jobs.erase(job);
+            } else {
+                ++job;
+            }
+        }
+    }
+    return (int)m_httpGetJobs.size();
+}
+
+int webChannel::isValid(const char* file, const char* checksum_, const char* algorithm) {
+    if (file == nullptr || checksum_ == nullptr || algorithm == nullptr) return 0;
+    // Compared exactly as given: no lower-casing here.
+    return checksum(file, algorithm) == checksum_ ? 1 : 0;
+}
+
+int webChannel::isValid_c(const char* file, const char* checksum_, const char* algorithm) {
+    return isValid(file, checksum_, algorithm);
+}

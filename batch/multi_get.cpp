@@ -1,0 +1,149 @@
+// The batch driver, its worker threads, and handing finished files out.
+#include <pthread.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "channel/atomics.h"
+#include "channel/webChannel.h"
+#include "transport/sigpipe.h"
+#include "util/fs.h"
+
+namespace {
+
+long counterOf(const std::map<std::string, long>& counters, const std::string& url) {
+    auto found = counters.find(url);
+    return found == counters.end() ? 0 : atomicLoad(found->second);
+}
+
+}  // namespace
+
+int webChannel::httpMultiGet(bool finalize) {
+    if (logging()) log("VRAXSecureWebChannel::httpMultiGet: started with %d URLs", (int)m_httpGetJobs.size());
+    m_errorCode = 0;
+    m_errorMessage.clear();
+    m_errorContext.clear();
+    if (m_buffer == nullptr || m_incomplete == nullptr) return kInvalidArgument;  // init() not called
+    memset(m_incomplete, 0, sizeof(int) * m_threadNum);
+
+    for (const httpGetJob& job : m_httpGetJobs) {
+        if (m_batch.empty()) {
+            // First batch of this channel: addJob already created or emptied
+            // every target.
+            m_downloaded[job.url] = 0;
+            if (logging()) log("VRAXSecureWebChannel::httpMultiGet: m_batch.size=0");
+        } else if (m_downloaded[job.url] == 0) {
+            // Added since the last batch, or failed its verification: the
+            // file is fetched again from its first byte.
+            if (logging()) log("VRAXSecureWebChannel::httpMultiGet: m_httpGetJobs.url=0");
+            if (!job.file.empty()) remove_file(job.file);
+        }
+    }
+
+    initBatch();
+
+    std::vector<pthread_t> threads;
+    threads.reserve(m_batch.size());
+    int result = kOk;
+    {
+        SigpipeIgnore sigpipe;
+        for (threadData* record : m_batch) atomicStore(record->error, 0);
+        for (threadData* record : m_batch) {
+            if (record->jobs.empty()) continue;
+            pthread_t thread;
+            if (pthread_create(&thread, nullptr, executeHttpGet, record) != 0) {
+                // Workers already running use the channel: they are waited
+                // for before the failure is reported.
+                result = kInvalidArgument;
+                break;
+            }
+            threads.push_back(thread);
+        }
+        for (pthread_t thread : threads) pthread_join(thread, nullptr);
+    }
+    if (result != kOk) return result;
+
+    if (m_handler != nullptr) handleProgress(-1, 0, 0, 0);
+    if (logging()) log("VRAXSecureWebChannel::httpMultiGet: download complete");
+
+    // What stays in the thread lists is exactly the unfinished work, which
+    // the next batch resumes.
+    for (threadData* record : m_batch) {
+        std::vector<httpGetJob>& jobs = record->jobs;
+        jobs.erase(std::remove_if(jobs.begin(), jobs.end(),
+                                  [this](const httpGetJob& job) { return counterOf(m_downloaded, job.url) < 1; }),
+                   jobs.end());
+    }
+    if (finalize) finalizeBatch();
+
+    int pending = 0;
+    for (const httpGetJob& job : m_httpGetJobs) {
+        if (counterOf(m_downloaded, job.url) < 0) continue;
+        if (logging()) log("VRAXSecureWebChannel::httpMultiGet: pending=%d\n", pending);
+        ++pending;
+    }
+    if (logging()) log("VRAXSecureWebChannel::httpMultiGet: batch job is complete with %d pending URLs", pending);
+    return pending;
+}
+
+void* webChannel::executeHttpGet(void* argument) {
+    threadData* record = static_cast<threadData*>(argument);
+    webChannel* channel = record->channel;
+    if (logging())
+        log("VRAXSecureWebChannel::executeHttpGet: thread %d started with %d urls", record->index,
+            (int)record->jobs.size());
+    for (unsigned j = 0; j < record->jobs.size(); ++j) {
+        // A failed job ends this worker's work for the batch.
+        if (channel->executeJob(record, j) != kOk) break;
+    }
+    return nullptr;
+}
+
+int webChannel::executeJob(threadData* record, unsigned int j) {
+    int result = downloadJob(record, j);
+    if (result != kOk) return result;
+    result = checksumJob(record, j);
+    if (result != kOk) checksumErrJob(record, j);
+    return result;
+}
+
+int webChannel::downloadJob(threadData* record, unsigned int j) {
+    httpGetJob& job = record->jobs[j];
+    if (logging())
+        log("VRAXSecureWebChannel::downloadJob: thread %d, job %d started with %lld/%lld", record->index, (int)j,
+            atomicLoad(job.downloaded), atomicLoad(job.size));
+    // Finished in an earlier batch.
+    if (atomicLoad(job.downloaded) == atomicLoad(job.size) && job.size >= 1) return kOk;
+    std::string url = job.url;
+    connection* conn = nullptr;
+    int attempts = 0;
+    int result;
+    do {
+        if (attempts < 0 && conn != nullptr) url = conn->location;
+        result = httpGet(conn, url, job.file, &job, record, attempts);
+    } while (result == kRepeat);
+    if (logging())
+        log("VRAXSecureWebChannel::downloadJob: thread %d, job %d finished with result %d", record->index, (int)j,
+            result);
+    if (result != kOk) {
+        atomicStore(record->error, result);
+        recordFailure(result, job.file);
+    }
+    return result;
+}
+
+int webChannel::getNextDownloadedFile() {
+    for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
+        auto found = m_downloaded.find(m_httpGetJobs[i].url);
+        if (found == m_downloaded.end()) continue;
+        // Complete and verified (-1) becomes handed out (-2), once, even when
+        // several workers' callbacks ask at the same moment.
+        long expected = -1;
+        if (atomicSwap(found->second, expected, -2L)) return (int)i;
+    }
+    return -1;
+}
+
+void webChannel::finalizeBatch() {
+    for (threadData* record : m_batch) emptyPool(record->connections, record->retired);
+}

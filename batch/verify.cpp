@@ -1,0 +1,100 @@
+// Verifying finished files by digest or by size.
+#include <cstdio>
+
+#include <openssl/evp.h>
+
+#include "channel/atomics.h"
+#include "channel/webChannel.h"
+
+std::string webChannel::checksum(std::string file, std::string algorithm) {
+    const EVP_MD* digest = EVP_get_digestbyname(algorithm.c_str());
+    if (digest == nullptr) {
+        if (logging()) log("VRAXSecureWebChannel::checksum: invalid algorithm %s", algorithm.c_str());
+        return std::string();
+    }
+    FILE* input = fopen(file.c_str(), "rb");
+    if (input == nullptr) {
+        if (logging()) log("VRAXSecureWebChannel::checksum: file %s cannot be opened", file.c_str());
+        return std::string();
+    }
+    EVP_MD_CTX* context = EVP_MD_CTX_create();
+    EVP_DigestInit_ex(context, digest, nullptr);
+    unsigned char block[65536];
+    size_t count;
+    while ((count = fread(block, 1, sizeof(block), input)) > 0) EVP_DigestUpdate(context, block, count);
+    unsigned char value[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_DigestFinal_ex(context, value, &length);
+    // Any digest OpenSSL knows, SHA-512 included: the text grows as needed.
+    static const char kHex[] = "0123456789abcdef";
+    std::string text(length * 2, '0');
+    for (unsigned int i = 0; i < length; ++i) {
+        text[2 * i] = kHex[value[i] >> 4];
+        text[2 * i + 1] = kHex[value[i] & 15];
+    }
+    if (logging()) log("VRAXSecureWebChannel::checksum: file %s has checksum %s", file.c_str(), text.c_str());
+    EVP_MD_CTX_destroy(context);
+    fclose(input);
+    return text;
+}
+
+long long webChannel::filesize(std::string file) {
+    FILE* input = fopen(file.c_str(), "rb");
+    if (input == nullptr) {
+        if (logging()) log("VRAXSecureWebChannel::filesize: file %s cannot be opened", file.c_str());
+        return -1;
+    }
+    fseeko(input, 0, SEEK_END);
+    long long length = ftello(input);
+    fclose(input);
+    return length;
+}
+
+int webChannel::checksumJob(threadData* record, unsigned int j) {
+    httpGetJob& job = record->jobs[j];
+    auto counter = m_downloaded.find(job.url);
+    if (counter == m_downloaded.end()) return kOk;
+    // Several workers may finish pieces of one file at the same moment;
+    // exactly one of them sees the count reach zero and verifies.
+    long current = atomicLoad(counter->second);
+    while (!atomicSwap(counter->second, current, current - 1)) {
+    }
+    if ((int)(current - 1) != 0) return kOk;
+
+    if (job.algorithm.empty()) {
+        // The size compared is this job's: for a file cut into pieces, the
+        // size of the piece that finished last.
+        long long length = filesize(job.file);
+        if (job.size > 0 && job.size != length) {
+            if (logging())
+                log("VRAXSecureWebChannel::checksumJob: thread %d, job %d, expected size for file %s is %d, actual "
+                    "is %d",
+                    record->index, (int)j, job.file.c_str(), (int)job.size, (int)length);
+            return kChecksumMismatch;
+        }
+    } else {
+        std::string digest = checksum(job.file, job.algorithm);
+        if (digest.size() != job.checksum.size() || digest != job.checksum) {
+            filesize(job.file);
+            if (logging())
+                log("VRAXSecureWebChannel::checksumJob: thread %d, job %d, expected checksum for file %s is %s",
+                    record->index, (int)j, job.file.c_str(), job.checksum.c_str());
+            return kChecksumMismatch;
+        }
+    }
+    // Complete and verified: getNextDownloadedFile may hand it out now.
+    atomicStore(counter->second, -1L);
+    return kOk;
+}
+
+int webChannel::checksumErrJob(threadData* record, unsigned int j) {
+    httpGetJob& job = record->jobs[j];
+    if (logging())
+        log("VRAXSecureWebChannel::checksumErrJob: thread %d, job %d, registing checksum mismatch for file %s",
+            record->index, (int)j, job.file.c_str());
+    long long length = filesize(job.file);
+    atomicStore(record->error, (int)kChecksumMismatch);
+    recordFailure(kChecksumMismatch, job.file);
+    if (m_handler != nullptr) handleProgress(0, length, job.size, record->index);
+    return kOk;
+}

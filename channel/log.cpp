@@ -1,0 +1,51 @@
+// The channel's log: one line per event, prefixed with the wall-clock time,
+// flushed at once so that a crash leaves the log complete.
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstdarg>
+
+#include "channel/globals.h"
+#include "channel/webChannel.h"
+
+// One mutex for the whole process, initialised statically: it stays usable
+// until the very last line, including those written while a channel is torn
+// down.
+pthread_mutex_t gLockLog = PTHREAD_MUTEX_INITIALIZER;
+
+FILE* webChannel::m_log = nullptr;
+
+void webChannel::setLog(const char* path) {
+    FILE* opened = path == nullptr ? stdout : fopen(path, "a+");
+    pthread_mutex_lock(&gLockLog);
+    FILE* previous = m_log;
+    __atomic_store_n(&m_log, opened, __ATOMIC_RELAXED);
+    pthread_mutex_unlock(&gLockLog);
+    // The previous file is closed so that repeated calls do not leak streams;
+    // the swap above happened under the line lock, so no line is being
+    // written to it now.
+    if (previous != nullptr && previous != stdout && previous != opened) fclose(previous);
+    if (opened != nullptr) log("webChannel::setLog %s", path != nullptr ? path : "(null)");
+}
+
+void webChannel::log(const char* format, ...) {
+    if (!logging()) return;
+    // Callers test errno after logging a failed call; a log line must not
+    // change it.
+    int savedErrno = errno;
+    timeval now;
+    gettimeofday(&now, nullptr);
+    pthread_mutex_lock(&gLockLog);
+    FILE* out = m_log;  // read again under the lock: setLog may have swapped it
+    if (out != nullptr) {
+        fprintf(out, "%ld:%.3d : ", (long)now.tv_sec, (int)(now.tv_usec / 1000));
+        va_list args;
+        va_start(args, format);
+        vfprintf(out, format, args);
+        va_end(args);
+        fputc('\n', out);
+        fflush(out);
+    }
+    pthread_mutex_unlock(&gLockLog);
+    errno = savedErrno;
+}

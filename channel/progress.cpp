@@ -1,0 +1,82 @@
+// Progress reports to the host's callback.
+#include "channel/atomics.h"
+#include "channel/webChannel.h"
+
+void webChannel::setHandler(ProgressHandler handler, void* userData) {
+    m_handler = handler;
+    m_handlerData = userData;
+}
+
+namespace {
+
+// State counter of a URL. Workers must never insert into the map (it is
+// shared without a lock), so an absent URL reads as 0, the value an insertion
+// would have given it.
+long counterOf(const std::map<std::string, long>& counters, const std::string& url) {
+    auto found = counters.find(url);
+    return found == counters.end() ? 0 : atomicLoad(found->second);
+}
+
+}  // namespace
+
+long long webChannel::handleProgress(long long lastReported, long long done, long long total, int mode) {
+    // `mode` is the reporting worker's number. Every worker reports: the
+    // callback is documented to run on several workers at once, and a batch
+    // whose first worker has finished must still be able to report and be
+    // cancelled.
+    (void)mode;
+    long long result = lastReported;
+    if (m_handler == nullptr) return result;
+
+    int failedJobs = 0;
+    long long bytesDone = done;
+    long long bytesTotal = total;
+    if (!m_downloaded.empty()) bytesDone = bytesTotal = 0;
+
+    if (done / kProgressStep != lastReported) {
+        // Files whose counter went negative are finished and verified (or
+        // handed out); they are counted and their size is part of the total.
+        for (const httpGetJob& job : m_httpGetJobs) {
+            if (counterOf(m_downloaded, job.url) < 0) {
+                ++failedJobs;
+                bytesTotal += job.size;
+            }
+        }
+        for (threadData* record : m_batch) {
+            for (const httpGetJob& job : record->jobs) {
+                if (counterOf(m_downloaded, job.url) < 0) continue;
+                bytesDone += atomicLoad(job.downloaded);
+                bytesTotal += atomicLoad(job.size);
+            }
+        }
+        result = bytesDone / kProgressStep;
+    }
+
+    // The job to blame: the first pending job of the first worker that
+    // failed for a reason other than cancellation.
+    const std::string* blamed = nullptr;
+    for (threadData* record : m_batch) {
+        int code = atomicLoad(record->error);
+        if (code == 0 || code == kCancelled) continue;
+        for (const httpGetJob& job : record->jobs) {
+            if (counterOf(m_downloaded, job.url) >= 0) {
+                blamed = &job.url;
+                break;
+            }
+        }
+        if (blamed != nullptr) break;
+    }
+    int jobIndex = -1;
+    if (blamed != nullptr) {
+        for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
+            if (m_httpGetJobs[i].url == *blamed) {
+                jobIndex = (int)i;
+                break;
+            }
+        }
+    }
+
+    bool cancel = false;
+    m_handler(cancel, failedJobs, bytesDone, bytesTotal, jobIndex, m_handlerData);
+    return cancel ? -1 : result;
+}

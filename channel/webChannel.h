@@ -1,0 +1,287 @@
+// The one implementation of VRAXSecureWebChannel. Internal to the library.
+//
+// The class is large by design: every subsystem shares its members. Members
+// are declared in a fixed order, grouped by the folder that implements them;
+// each member function lives in the file of its concern.
+#ifndef WEBCHANNEL_WEBCHANNEL_H
+#define WEBCHANNEL_WEBCHANNEL_H
+
+#include <netinet/in.h>
+#include <pthread.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include "VRAXSecureWebChannel.h"
+
+struct ResponseHead;
+
+using namespace wc;
+
+// Map from parameter id to value, for the channel and for every job.
+typedef std::map<int, std::string> AccessParams;
+
+// Receive buffer of one worker: reads take at most kBufferSlice - 1 bytes so
+// that a terminating zero always fits.
+constexpr long long kBufferSlice = 524288;
+constexpr int kMaxRead = 524287;
+// Progress granularity.
+constexpr long long kProgressStep = 262144;
+// Worker count limits of init.
+constexpr unsigned kDefaultThreads = 8;
+constexpr unsigned kMaxThreads = 64;
+// Attempts of one segment before it fails.
+constexpr int kMaxAttempts = 30;
+// Default transfer time-out in seconds.
+constexpr int kDefaultTimeout = 300;
+
+class webChannel : public VRAXSecureWebChannel {
+public:
+    // ---- transport/: one TCP connection, optionally with TLS (pool.cpp) ----
+    struct connection {
+        connection(unsigned long address, std::string host, std::string port, bool https);
+        int readPoll;               // epoll watching input and hang-up; 0 = none
+        int writePoll;              // epoll watching writability; 0 = none
+        int readyEvents;            // 4 when handed out again by the pool: write without waiting
+        unsigned int hangupEvents;  // hang-up bits seen by the last readiness wait
+        int socket;                 // descriptor; 0 = not connected
+        unsigned long address;      // target IPv4 address, network order; 0 behind a proxy
+        std::string host;
+        std::string port;
+        std::string spare1;
+        bool https;
+        std::string location;       // redirect target left by the response parser
+        SSL* ssl;
+        sockaddr_in serverAddress;  // where the socket is connected (proxy or target)
+    };
+
+    // ---- http/: request text (request.cpp) ----
+    struct httpRequest {
+        httpRequest(std::string method, std::string host, std::string target, char* extra, AccessParams* params);
+        ~httpRequest();
+        std::string str() const;
+        std::map<std::string, std::string> headers;  // rendered in byte-wise name order
+        std::string method;
+        std::string target;
+        std::string extra;
+    };
+
+    // ---- batch/: a file of the batch, or one byte range of it (jobs.cpp) ----
+    struct httpGetJob {
+        httpGetJob();
+        explicit httpGetJob(const std::string& url);
+        explicit httpGetJob(const char* url);
+        ~httpGetJob();
+        bool operator<(const httpGetJob& other) const { return size < other.size; }
+        bool operator==(const httpGetJob& other) const { return url == other.url; }
+        std::string url;
+        std::string file;
+        long long size;        // bytes this job delivers; 0 = unknown
+        std::string checksum;  // expected digest, lower-case hex; empty = none
+        std::string algorithm; // digest name, lower case; empty = none
+        long long start;       // offset of the range's first byte
+        long long end;         // offset of its last byte, inclusive
+        long long downloaded;  // bytes of the range already written
+        int part;              // piece number
+        AccessParams params;   // per-job access parameters
+    };
+
+    // ---- batch/: one worker thread of a batch (jobs.cpp) ----
+    struct threadData {
+        threadData();
+        static bool compare(const threadData* a, const threadData* b) { return a->size < b->size; }
+        webChannel* channel;
+        int index;
+        std::vector<httpGetJob> jobs;
+        std::map<std::string, connection*> connections;
+        long long size;
+        int error;
+        // Records taken out of `connections` while a caller may still hold
+        // them; released with the pool.
+        std::vector<connection*> retired;
+    };
+
+    webChannel();
+    ~webChannel() override;
+
+    // ---- the interface, in slot order ----
+    void setLog(const char* path) override;                                         // channel/log.cpp
+    int init(unsigned threadNum) override;                                          // channel/lifecycle.cpp
+    int setProxy(const char* httpProxy, const char* httpsProxy) override;           // transport/proxy.cpp
+    const char* resolveProxy(const char* url) override;                             // transport/proxy.cpp
+    void setHandler(ProgressHandler handler, void* userData) override;              // channel/progress.cpp
+    void setParam(int id, const char* value, bool channel) override;                // channel/params.cpp
+    bool getParam(int id, std::string& value, bool channel) override;               // channel/params.cpp
+    int getNextDownloadedFile() override;                                           // batch/multi_get.cpp
+    int getErrorCode(char* buffer, int size) override;                              // channel/errors.cpp
+    int httpGet(const char* url, const char* file) override;                        // http/single_get.cpp
+    int httpGet(const char* url) override;                                          // http/single_get.cpp
+    int httpGet_c(const char* url, const char* file) override;                      // http/single_get.cpp
+    int httpPost(const char* url, char* headers, char* body, bool flag) override;   // http/post.cpp
+    const char* httpResponse(long long* length) override;                           // http/single_get.cpp
+    int addJob(const char* url, const char* file, long long size, const char* checksum,
+               const char* algorithm) override;                                     // batch/jobs.cpp
+    int addJob_c(const char* url, const char* file, long long size, const char* checksum,
+                 const char* algorithm) override;                                   // batch/jobs.cpp
+    int httpMultiGet(bool flag) override;                                           // batch/multi_get.cpp
+    int removeJob(const char* url) override;                                        // batch/jobs.cpp
+    int isValid(const char* file, const char* checksum, const char* algorithm) override;    // batch/jobs.cpp
+    int isValid_c(const char* file, const char* checksum, const char* algorithm) override;  // batch/jobs.cpp
+    void close() override;                                                          // channel/lifecycle.cpp
+
+    // ---- channel/: log (log.cpp) ----
+    static void log(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    static bool logging() { return __atomic_load_n(&m_log, __ATOMIC_RELAXED) != nullptr; }
+
+    // ---- channel/: parameters (params.cpp) ----
+    static void mergeAccessParams(AccessParams& target, const AccessParams& source);
+    // Thread-safe reads of the channel's parameters (workers read them while
+    // the cookie capture may write them).
+    bool hasParam(int id);
+    bool findParam(int id, std::string& value);
+    AccessParams paramsSnapshot();
+    void mergeChannelParams(AccessParams& target);
+
+    // ---- channel/: errors (errors.cpp) ----
+    int getError(std::string& context, std::string& message);
+    bool isError();
+    // True when a worker of the batch was cancelled (-3055): the state in
+    // which every transfer of the channel stops.
+    bool isCancelled();
+    static int errorCode();
+    static bool isSocketError();
+    static bool isReset();
+    // Keeps the first failure of a batch together with its file.
+    void recordFailure(int code, const std::string& file);
+
+    // ---- channel/: progress (progress.cpp) ----
+    long long handleProgress(long long lastReported, long long done, long long total, int mode);
+
+    // ---- transport/: URL parsing and host-address cache (url.cpp, address_cache.cpp) ----
+    bool parseURL(std::string url, unsigned long* address, std::string& host, std::string& port, std::string& path,
+                  std::string& credentials, bool* https);
+    bool parseURL(std::string url, unsigned long* address, std::string& host, std::string& port, std::string& path,
+                  bool* https);
+    unsigned long resolveAddress(const std::string& host, const std::string& port);
+
+    // ---- transport/: proxies (proxy.cpp) ----
+    std::string resolveProxy(std::string hostAndPath, bool https);
+    int getProxyTimeout();
+
+    // ---- transport/: connection pools (pool.cpp) ----
+    // `result` receives the outcome (0 or a failure code); calls outside a
+    // batch (worker null) also store it in m_errorCode.
+    connection* open(std::string url, threadData* worker, bool reconnect, int* result = nullptr);
+    void closeSocket(connection* conn);
+    void closeSSL(connection* conn);
+    int prepareSocket(connection* conn, bool forWriting);
+    // Closes a connection and takes it out of its pool, so that the next
+    // open() makes a fresh one; the record stays valid until the pool is emptied.
+    void dropConnection(connection* conn, threadData* worker);
+    // Closes every connection of a pool and releases the records.
+    void emptyPool(std::map<std::string, connection*>& pool, std::vector<connection*>& retired);
+
+    // ---- transport/: connecting, tunnel, TLS (connect.cpp, tunnel.cpp, tls.cpp) ----
+    int initSSL();
+    static int initSSLVerifyCallback(int preverifyOk, X509_STORE_CTX* store);
+    int initSocket(connection* conn, threadData* worker);
+    int openTunnel(connection* conn);
+    // Judges the proxy's (at most 63-byte, NUL-terminated) answer to CONNECT.
+    int checkTunnelReply(const char* answer, connection* conn);
+    int connectSSL(connection* conn);
+
+    // ---- transport/: reads and writes (socket_io.cpp) ----
+    int read(connection* conn, char* buffer, int size, long long offset, bool fill);
+    int write(connection* conn, std::string data);
+    // Writes all of `data` with as many write() calls as it takes: the bytes
+    // written, or the first failing result (0, -1, -2); a failure after some
+    // bytes went out gives -1.
+    int writeAll(connection* conn, const std::string& data);
+
+    // ---- http/: response heads (response.cpp) ----
+    // `details` (optional) receives everything the parse found.
+    int parseHttpResponseHeader(std::string_view header, int& code, long long& headerLength, long long& contentLength,
+                                connection* conn, ResponseHead* details = nullptr);
+    int getHttpResponseBody(std::string response, std::string& body);
+    // Reads until the response head is complete, `capacity` bytes are held or
+    // a read fails; terminates the text (buffer needs capacity + 1 bytes).
+    // Returns the bytes held, or the first read's result when nothing arrived;
+    // `lastRead` is the result of the last read made.
+    int readHead(connection* conn, char* buffer, int capacity, int& lastRead);
+
+    // ---- http/: single requests (single_get.cpp, post.cpp) ----
+    int httpGetResponse(connection*& conn, std::string url, int& attempts);
+    // Releases shared-pool records retired during a single request.
+    void releaseRetired();
+    int httpPost(connection* conn, const char* url, char* headers, char* body, bool flag);
+
+    // ---- http/: body transfer (body.cpp) ----
+    int dump(FILE* file, char* buf, long long len, long long& offset, long long& remaining, int mode, httpGetJob* job);
+
+    // ---- batch/: planning (planning.cpp) ----
+    void initBatch();
+
+    // ---- batch/: driver and workers (multi_get.cpp) ----
+    void finalizeBatch();
+    static void* executeHttpGet(void* record);
+    int executeJob(threadData* record, unsigned int j);
+    int downloadJob(threadData* record, unsigned int j);
+
+    // ---- batch/: segment download (segment.cpp) ----
+    int httpGet(connection*& conn, std::string url, std::string file, httpGetJob* job, threadData* record,
+                int& attempts);
+
+    // ---- batch/: verification (verify.cpp) ----
+    std::string checksum(std::string file, std::string algorithm);
+    long long filesize(std::string file);
+    int checksumJob(threadData* record, unsigned int j);
+    int checksumErrJob(threadData* record, unsigned int j);
+
+    // ---- members, in declaration order ----
+    SSL_CTX* m_sslContext;
+    std::map<std::string, connection*> m_connections;
+    std::map<std::string, unsigned long> m_hostAddresses;
+    std::map<std::string, std::string> m_proxyAnswers;
+    unsigned long m_httpProxyAddress;
+    std::string m_httpProxyHost;
+    std::string m_httpProxyPort;
+    bool m_httpProxySecure;
+    unsigned long m_httpsProxyAddress;
+    std::string m_httpsProxyHost;
+    std::string m_httpsProxyPort;
+    bool m_httpsProxySecure;
+    char* m_buffer;
+    ProgressHandler m_handler;
+    void* m_handlerData;
+    std::string m_response;
+    long long m_responseLength;
+    int m_errorCode;
+    std::string m_errorMessage;
+    std::string m_errorContext;
+    std::vector<httpGetJob> m_httpGetJobs;
+    std::map<std::string, long> m_downloaded;
+    std::vector<threadData*> m_batch;
+    pthread_mutex_t m_lock1;  // m_hostAddresses
+    pthread_mutex_t m_lock2;  // m_proxyAnswers
+    pthread_mutex_t m_lock3;  // m_params (the cookie capture writes it from workers)
+    pthread_mutex_t m_lock4;
+    unsigned int m_threadNum;
+    int* m_incomplete;
+    AccessParams m_params;
+    std::string m_proxyAnswer;
+    // Shared-pool records retired while a caller may still hold them.
+    std::vector<connection*> m_retiredConnections;
+
+    static FILE* m_log;
+};
+
+// OpenSSL's static locking callback.
+void webChannelSSLLock(int mode, int n, const char* file, int line);
+
+#endif

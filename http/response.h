@@ -1,0 +1,33 @@
+// Reading the facts the channel acts on out of a response head. Pure
+// functions over the received text, so that they can be tested and fuzzed
+// without a socket.
+#ifndef WEBCHANNEL_HTTP_RESPONSE_H
+#define WEBCHANNEL_HTTP_RESPONSE_H
+
+#include <string_view>
+
+struct ResponseHead {
+    int result = 0;                // 0 plain body, 3002 chunked, -3053 other coding, -3002 no status line
+    int code = 0;                  // status code
+    long long headerLength = 0;    // offset of the first body byte; 0 when the head has no end yet
+    bool headerLengthSet = false;  // false when parsing stopped at a redirect's location
+    long long contentLength = 0;   // last "content-length" value
+    bool contentLengthSeen = false;
+    bool locationSeen = false;     // a 3xx "location" ended the parse
+    std::string_view location;
+    bool cookieSeen = false;       // only when cookie capture is on
+    std::string_view cookie;       // the last "set-cookie" value
+};
+
+// Parses `text` (the received bytes up to the first NUL) the way the channel
+// reads every response: status code between the first two blanks, then the
+// lines up to the first empty one, matching "content-length: ",
+// "transfer-encoding: ", "set-cookie: " (with captureCookies) and, for a
+// 3xx status, "location: ", which ends the parse at once.
+void parseResponseHead(std::string_view text, bool captureCookies, ResponseHead& head);
+
+// Offset just past the empty line that ends the head, or 0 when the text
+// holds no empty line yet. Lines end at "\n"; trailing " \r\t" do not count.
+long long findHeadEnd(std::string_view text);
+
+#endif

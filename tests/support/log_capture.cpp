@@ -1,0 +1,58 @@
+#include "support/log_capture.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "channel/webChannel.h"
+
+namespace testsupport {
+
+LogCapture::LogCapture() {
+    char name[] = "/tmp/webchannel-log-XXXXXX";
+    int fd = mkstemp(name);
+    if (fd >= 0) ::close(fd);
+    m_path = name;
+    // Swapped in directly: a channel destroyed later closes the log and
+    // clears the stream, which this capture tolerates.
+    webChannel::m_log = fopen(m_path.c_str(), "a+");
+}
+
+LogCapture::~LogCapture() {
+    FILE* log = webChannel::m_log;
+    webChannel::m_log = nullptr;
+    if (log != nullptr && log != stdout) fclose(log);
+    unlink(m_path.c_str());
+}
+
+std::string LogCapture::text() const {
+    std::ifstream in(m_path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+std::vector<std::string> LogCapture::lines() const {
+    std::vector<std::string> result;
+    std::istringstream in(text());
+    std::string line;
+    while (std::getline(in, line)) {
+        size_t prefix = line.find(" : ");
+        result.push_back(prefix == std::string::npos ? line : line.substr(prefix + 3));
+    }
+    return result;
+}
+
+int countLines(const std::string& log, const std::string& needle) {
+    int count = 0;
+    std::istringstream in(log);
+    std::string line;
+    while (std::getline(in, line))
+        if (line.find(needle) != std::string::npos) ++count;
+    return count;
+}
+
+}  // namespace testsupport

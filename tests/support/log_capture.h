@@ -1,0 +1,27 @@
+// Captures the channel's log lines of a test into a temporary file.
+#ifndef WEBCHANNEL_TESTS_LOG_CAPTURE_H
+#define WEBCHANNEL_TESTS_LOG_CAPTURE_H
+
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+class LogCapture {
+public:
+    LogCapture();   // opens a fresh log file through the channel's setLog
+    ~LogCapture();  // switches the channel's log off and deletes the file
+    std::string text() const;
+    std::vector<std::string> lines() const;  // messages, without the time prefix
+    const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+// Number of lines of `log` that contain `needle`.
+int countLines(const std::string& log, const std::string& needle);
+
+}  // namespace testsupport
+
+#endif

@@ -1,0 +1,48 @@
+// Host-address cache: every host and port is resolved once per channel, so a
+// batch of thousands of files from one server costs one lookup.
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "channel/webChannel.h"
+
+unsigned long webChannel::resolveAddress(const std::string& host, const std::string& port) {
+    if (logging()) log("VRAXSecureWebChannel::parseURL: resolving IP address of %s:%s", host.c_str(), port.c_str());
+    unsigned long address = 0;
+    // Held across the resolver call, so that workers starting together
+    // resolve a host only once.
+    pthread_mutex_lock(&m_lock1);
+    std::string key = host + ":" + port;
+    auto cached = m_hostAddresses.find(key);
+    if (cached != m_hostAddresses.end()) {
+        address = cached->second;
+        if (logging())
+            log("VRAXSecureWebChannel::parseURL: cached IP address of %s:%s is %x", host.c_str(), port.c_str(),
+                (unsigned)address);
+        pthread_mutex_unlock(&m_lock1);
+        return address;
+    }
+    addrinfo* list = nullptr;
+    int result = getaddrinfo(host.c_str(), nullptr, nullptr, &list);
+    if (result != 0) {
+        // A failed lookup is not cached: the next call tries again.
+        if (logging())
+            log("VRAXSecureWebChannel::parseURL: failed with return code %d, errno %d", result, errno);
+        pthread_mutex_unlock(&m_lock1);
+        return 0;
+    }
+    for (addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
+        if (entry->ai_addr != nullptr && entry->ai_family == AF_INET) {
+            address = reinterpret_cast<sockaddr_in*>(entry->ai_addr)->sin_addr.s_addr;
+            break;
+        }
+    }
+    freeaddrinfo(list);
+    // A host without an IPv4 address is cached as 0 for good.
+    m_hostAddresses[key] = address;
+    if (logging())
+        log("VRAXSecureWebChannel::parseURL: IP address of %s:%s is %x", host.c_str(), port.c_str(), (unsigned)address);
+    pthread_mutex_unlock(&m_lock1);
+    return address;
+}

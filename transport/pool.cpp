@@ -1,0 +1,162 @@
+// Connection records and the pools that hand them out by host and port.
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include "channel/webChannel.h"
+#include "transport/poll_wait.h"
+#include "transport/sigpipe.h"
+
+webChannel::connection::connection(unsigned long address_, std::string host_, std::string port_, bool https_)
+    : readPoll(0),
+      writePoll(0),
+      readyEvents(0),
+      hangupEvents(0),
+      socket(0),
+      address(address_),
+      host(std::move(host_)),
+      port(std::move(port_)),
+      https(https_),
+      ssl(nullptr) {
+    memset(&serverAddress, 0, sizeof(serverAddress));
+}
+
+webChannel::connection* webChannel::open(std::string url, threadData* worker, bool reconnect, int* result) {
+    std::map<std::string, connection*>& pool = worker != nullptr ? worker->connections : m_connections;
+    std::vector<connection*>& retired = worker != nullptr ? worker->retired : m_retiredConnections;
+    // Only calls outside a batch report through the channel's error state:
+    // workers must not overwrite a batch's first failure.
+    auto report = [&](int code) {
+        if (result != nullptr) *result = code;
+        if (worker == nullptr) m_errorCode = code;
+    };
+
+    std::string host, port, path, credentials;
+    bool https = false;
+    parseURL(url, nullptr, host, port, path, credentials, &https);
+    if (host.empty()) {
+        if (result != nullptr) *result = kInvalidArgument;
+        return nullptr;
+    }
+    std::string key = host + ":" + port;
+    unsigned long address = 0;
+    auto pooled = pool.find(key);
+    if (pooled != pool.end()) {
+        connection* conn = pooled->second;
+        if (!reconnect) {
+            if (logging())
+                log("VRAXSecureWebChannel::open: reusing existing connection %x to %s", (unsigned)(uintptr_t)conn,
+                    key.c_str());
+            if (!conn->https) conn->readyEvents = EPOLLOUT;
+            if (result != nullptr) *result = kOk;
+            return conn;
+        }
+        // The caller may still hold the old record: close it, keep it alive
+        // until the pool is emptied.
+        address = conn->address;
+        closeSSL(conn);
+        closeSocket(conn);
+        pool.erase(pooled);
+        retired.push_back(conn);
+    }
+
+    const std::string& proxyHost = https ? m_httpsProxyHost : m_httpProxyHost;
+    if (proxyHost.empty() && address == 0) {
+        std::string resolvedHost, resolvedPort, resolvedPath;
+        parseURL(url, &address, resolvedHost, resolvedPort, resolvedPath, nullptr);
+        if (address == 0) {
+            report(kProxyUnusable);
+            return nullptr;
+        }
+    }
+
+    connection* conn = new connection(address, host, port, https);
+    int code = initSocket(conn, worker);
+    if (code == kOk && https) code = connectSSL(conn);
+    report(code);
+    if (code != kOk) {
+        closeSSL(conn);
+        closeSocket(conn);
+        delete conn;
+        return nullptr;
+    }
+    pool[key] = conn;
+    if (logging())
+        log("VRAXSecureWebChannel::open: created connection %x to %s, socket %d", (unsigned)(uintptr_t)conn,
+            key.c_str(), conn->socket);
+    return conn;
+}
+
+void webChannel::closeSocket(connection* conn) {
+    if (conn == nullptr || conn->socket == 0) return;
+    if (logging()) log("VRAXSecureWebChannel::closeSocket: closing socket %d", conn->socket);
+    // Both waiters go with the socket: a record is never reconnected in
+    // place, and a waiter left open would leak a descriptor per connection.
+    if (conn->readPoll > 0) ::close(conn->readPoll);
+    if (conn->writePoll > 0) ::close(conn->writePoll);
+    conn->readPoll = 0;
+    conn->writePoll = 0;
+    shutdown(conn->socket, SHUT_RDWR);
+    ::close(conn->socket);
+    conn->socket = 0;
+}
+
+void webChannel::closeSSL(connection* conn) {
+    if (conn == nullptr || conn->ssl == nullptr) return;
+    {
+        // The close alert is a write to a peer that may be gone.
+        SigpipeBlock guard;
+        SSL_shutdown(conn->ssl);
+    }
+    SSL_set_connect_state(conn->ssl);
+    SSL_free(conn->ssl);
+    conn->ssl = nullptr;
+}
+
+int webChannel::prepareSocket(connection* conn, bool forWriting) {
+    unsigned wanted = forWriting ? EPOLLOUT : EPOLLIN;
+    conn->hangupEvents = 0;
+    unsigned events = 0;
+    int waited = waitEvent(forWriting ? conn->writePoll : conn->readPoll, getProxyTimeout(), events);
+    while (waited >= 1) {
+        conn->hangupEvents = events & kHangupBits;
+        if ((events & wanted) && !(events & EPOLLERR)) return 1;
+        if (events & EPOLLERR) return conn->hangupEvents != 0 ? 0 : -1;
+        if (conn->hangupEvents != 0 || (events & (wanted | 0x2018))) return 0;
+        waited = waitEvent(forWriting ? conn->writePoll : conn->readPoll, getProxyTimeout(), events);
+    }
+    if (waited == 0) return -2;
+    return conn->hangupEvents != 0 ? 0 : -1;
+}
+
+void webChannel::dropConnection(connection* conn, threadData* worker) {
+    if (conn == nullptr) return;
+    closeSSL(conn);
+    closeSocket(conn);
+    std::map<std::string, connection*>& pool = worker != nullptr ? worker->connections : m_connections;
+    std::vector<connection*>& retired = worker != nullptr ? worker->retired : m_retiredConnections;
+    auto pooled = pool.find(conn->host + ":" + conn->port);
+    if (pooled != pool.end() && pooled->second == conn) {
+        pool.erase(pooled);
+        retired.push_back(conn);
+    }
+}
+
+void webChannel::emptyPool(std::map<std::string, connection*>& pool, std::vector<connection*>& retired) {
+    for (auto& entry : pool) {
+        closeSSL(entry.second);
+        closeSocket(entry.second);
+        delete entry.second;
+    }
+    pool.clear();
+    for (connection* conn : retired) {
+        closeSSL(conn);
+        closeSocket(conn);
+        delete conn;
+    }
+    retired.clear();
+}

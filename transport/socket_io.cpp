@@ -1,0 +1,127 @@
+// The two operations through which the HTTP layer moves bytes. Each makes at
+// most one transfer per call; transient conditions read as 0, time-outs as -2.
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include <openssl/err.h>
+
+#include "channel/webChannel.h"
+#include "transport/poll_wait.h"
+#include "transport/sigpipe.h"
+
+int webChannel::read(connection* conn, char* buffer, int size, long long offset, bool fill) {
+    (void)offset;
+    if (buffer == nullptr || size <= 0) return 0;
+    buffer[0] = 0;
+    if (conn->ssl == nullptr) {
+        conn->hangupEvents = 0;
+        unsigned events = 0;
+        int waited;
+        while ((waited = waitEvent(conn->readPoll, getProxyTimeout(), events)) >= 1) {
+            conn->hangupEvents = events & kHangupBits;
+            if ((events & EPOLLIN) && !(events & EPOLLERR)) {
+                ssize_t received = recv(conn->socket, buffer, (size_t)size, 0);
+                if (received == -1) return isSocketError() ? -1 : 0;
+                return (int)received;
+            }
+            if (events & EPOLLERR) return conn->hangupEvents != 0 ? 0 : -1;
+            if (conn->hangupEvents != 0 || (events & 0x2019)) return 0;
+        }
+        if (waited == 0) return -2;
+        return conn->hangupEvents != 0 ? 0 : -1;
+    }
+    // TLS reads block up to the socket's receive time-out. A read never asks
+    // for more than the buffer holds.
+    if (size > kMaxRead) size = kMaxRead;
+    if (!fill) {
+        ERR_clear_error();
+        return SSL_read(conn->ssl, buffer, size);
+    }
+    // Drain what the TLS layer already holds, within the buffer.
+    int total = 0;
+    ERR_clear_error();
+    int result = SSL_read(conn->ssl, buffer, size);
+    while (result > 0) {
+        total += result;
+        if (total >= size || SSL_pending(conn->ssl) == 0) break;
+        ERR_clear_error();
+        result = SSL_read(conn->ssl, buffer + total, size - total);
+    }
+    return total;
+}
+
+int webChannel::write(connection* conn, std::string data) {
+    int result;
+    if (conn->ssl != nullptr) {
+        SigpipeBlock guard;
+        ERR_clear_error();
+        result = SSL_write(conn->ssl, data.data(), (int)data.size());
+    } else {
+        bool send_ = true;
+        result = 0;
+        if (conn->readyEvents == 0) {
+            conn->hangupEvents = 0;
+            unsigned events = 0;
+            int waited;
+            send_ = false;
+            while ((waited = waitEvent(conn->writePoll, getProxyTimeout(), events)) >= 1) {
+                conn->hangupEvents = events & kHangupBits;
+                if ((events & EPOLLOUT) && !(events & EPOLLERR)) {
+                    send_ = true;
+                    break;
+                }
+                if (events & EPOLLERR) {
+                    result = conn->hangupEvents != 0 ? 0 : -1;
+                    break;
+                }
+                if (events & 0x201c) break;  // hang-up alone
+            }
+            if (waited == 0) result = conn->hangupEvents != 0 ? 0 : -2;
+            if (waited < 0) result = conn->hangupEvents != 0 ? 0 : -1;
+        }
+        // A reused connection skips the wait; the hang-up bits of its last
+        // wait decide whether the peer is still there.
+        if (send_ && conn->hangupEvents == 0) {
+            // MSG_NOSIGNAL: a closed peer must not end a host that does not
+            // ignore SIGPIPE (a POST runs with the host's disposition).
+            ssize_t sent = ::send(conn->socket, data.data(), data.size(), MSG_NOSIGNAL);
+            result = sent == -1 ? (isSocketError() ? -1 : 0) : (int)sent;
+        }
+        int saved = errno;
+        int error = 0;
+        socklen_t length = sizeof(error);
+        getsockopt(conn->socket, SOL_SOCKET, SO_ERROR, &error, &length);
+        if (error != 0 && error != EAGAIN && error != EINTR && error != EINPROGRESS) {
+            if (logging()) log("VRAXSecureWebChannel::write socket error: %d", error);
+            result = -1;
+            saved = error;
+        }
+        errno = saved;
+    }
+    if (result < 0 && logging()) log("VRAXSecureWebChannel::write error: %d, result: %d", errno, result);
+    return result;
+}
+
+int webChannel::writeAll(connection* conn, const std::string& data) {
+    // Requests are small, but a POST body may exceed what one send takes.
+    size_t done = 0;
+    int stalls = 0;
+    while (done < data.size()) {
+        int result = write(conn, done == 0 ? data : data.substr(done));
+        if (result > 0) {
+            done += (size_t)result;
+            stalls = 0;
+            continue;
+        }
+        if (done == 0) return result;
+        // The socket buffer is full: wait until it drains (bounded by the
+        // transfer time-out), a limited number of times in a row.
+        if (result == 0 && conn->ssl == nullptr && conn->hangupEvents == 0 && ++stalls <= 16 &&
+            prepareSocket(conn, true) == 1)
+            continue;
+        return -1;
+    }
+    return (int)(done > (size_t)2147483647 ? 2147483647 : done);
+}

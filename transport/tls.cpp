@@ -1,0 +1,113 @@
+// TLS: library start, OpenSSL's locking callbacks, the client context with
+// its certificate store, verification logging and the handshake.
+#include <poll.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/x509v3.h>
+
+#include "channel/globals.h"
+#include "channel/webChannel.h"
+#include "transport/poll_wait.h"
+
+pthread_mutex_t* gSSLMutexArray = nullptr;
+
+void webChannelSSLLock(int mode, int n, const char* file, int line) {
+    (void)file;
+    (void)line;
+    if (mode & 1)
+        pthread_mutex_lock(&gSSLMutexArray[n]);
+    else
+        pthread_mutex_unlock(&gSSLMutexArray[n]);
+}
+
+int webChannel::initSSL() {
+    SSL_library_init();
+    OPENSSL_add_all_algorithms_noconf();
+    // One array per process: a second set-up keeps the first one's mutexes.
+    if (gSSLMutexArray == nullptr) {
+        gSSLMutexArray = static_cast<pthread_mutex_t*>(malloc(sizeof(pthread_mutex_t) * CRYPTO_num_locks()));
+        for (int i = 0; i < CRYPTO_num_locks(); ++i) pthread_mutex_init(&gSSLMutexArray[i], nullptr);
+    }
+    CRYPTO_set_locking_callback(webChannelSSLLock);
+
+    if (m_sslContext != nullptr) return kOk;
+    m_sslContext = SSL_CTX_new(SSLv23_client_method());
+    if (m_sslContext == nullptr) return kTlsSetup;
+    // Verification is reported, not enforced: see initSSLVerifyCallback.
+    SSL_CTX_set_verify(m_sslContext, SSL_VERIFY_NONE, initSSLVerifyCallback);
+    SSL_CTX_set_default_verify_paths(m_sslContext);
+    for (const char* store : {"/etc/pki/tls/certs/ca-bundle.crt", "/etc/ssl/certs"}) {
+        struct stat info;
+        if (stat(store, &info) != 0) continue;
+        bool directory = S_ISDIR(info.st_mode);
+        if (logging())
+            log("VRAXSecureWebChannel::initSSL: using %s as certificate store %s", store, directory ? "dir" : "file");
+        int loaded = directory ? SSL_CTX_load_verify_locations(m_sslContext, nullptr, store)
+                               : SSL_CTX_load_verify_locations(m_sslContext, store, nullptr);
+        if (loaded == 1) break;
+    }
+    return kOk;
+}
+
+int webChannel::initSSLVerifyCallback(int preverifyOk, X509_STORE_CTX* store) {
+    char subject[256];
+    memset(subject, 0, sizeof(subject));
+    X509* certificate = X509_STORE_CTX_get_current_cert(store);
+    if (certificate != nullptr) X509_NAME_oneline(X509_get_subject_name(certificate), subject, sizeof(subject));
+    if (logging()) log("Verifying certificate %s : %s", subject, preverifyOk ? "OK" : "FAIL");
+    return preverifyOk;
+}
+
+namespace {
+
+bool isIpLiteral(const std::string& host) {
+    return !host.empty() && host.find_first_not_of("0123456789.") == std::string::npos;
+}
+
+}  // namespace
+
+int webChannel::connectSSL(connection* conn) {
+    conn->ssl = SSL_new(m_sslContext);
+    if (conn->ssl == nullptr) return kTlsSetup;
+    SSL_set_connect_state(conn->ssl);
+    SSL_set_fd(conn->ssl, conn->socket);
+    X509_VERIFY_PARAM_set1_host(SSL_get0_param(conn->ssl), conn->host.c_str(), 0);
+    // Name-based servers need the host name to pick their certificate.
+    if (!isIpLiteral(conn->host)) SSL_set_tlsext_host_name(conn->ssl, conn->host.c_str());
+
+    // The socket blocks with its time-outs set, so a want-read or want-write
+    // answer means a time-out expired; the whole handshake is bounded too, so
+    // a server that stops mid-handshake cannot hold the caller forever.
+    const int timeout = getProxyTimeout();
+    const time_t deadline = time(nullptr) + timeout;
+    int result;
+    int error;
+    for (;;) {
+        ERR_clear_error();
+        result = SSL_connect(conn->ssl);
+        error = SSL_get_error(conn->ssl, result);
+        if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) break;
+        time_t now = time(nullptr);
+        if (now >= deadline) break;
+        if (waitDescriptor(conn->socket, error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, (int)(deadline - now)) < 1)
+            break;
+    }
+    long verified = SSL_get_verify_result(conn->ssl);
+    if (verified != X509_V_OK && logging())
+        log("VRAXSecureWebChannel::connectSSL: certificate verification failed with code %d", (int)verified);
+    if (logging()) {
+        if (error == SSL_ERROR_SYSCALL)
+            log("VRAXSecureWebChannel::connectSSL: handshake result %d, error code %d, errno %d", result, 5, errno);
+        else
+            log("VRAXSecureWebChannel::connectSSL: handshake result %d, error code %d", result, error);
+    }
+    return result == 1 ? kOk : kTlsHandshake;
+}
