@@ -78,14 +78,10 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
     std::string directory = get_dirname(file);
     if (!directory.empty() && !path_exists(directory)) folder_create(directory, 0755);
 
-    bool listed = false;
-    for (const httpGetJob& existing : m_httpGetJobs) {
-        if (existing == job) {
-            listed = true;
-            break;
-        }
+    if (jobPosition(job.url) < 0) {
+        m_jobIndex[job.url] = m_httpGetJobs.size();
+        m_httpGetJobs.push_back(job);
     }
-    if (!listed) m_httpGetJobs.push_back(job);
 
     // Every new job starts from an empty target.
     FILE* target = fopen(file, "w");
@@ -104,12 +100,14 @@ int webChannel::removeJob(const char* url) {
     if (logging()) log("VRAXSecureWebChannel::removeJob: started with %s", orNull(url));
     if (url == nullptr) return (int)m_httpGetJobs.size();
     httpGetJob probe(url);
-    for (auto job = m_httpGetJobs.begin(); job != m_httpGetJobs.end(); ++job) {
-        if (*job == probe) {
-            if (logging()) log("VRAXSecureWebChannel::removeJob: removed global entry");
-            m_httpGetJobs.erase(job);
-            break;
-        }
+    long position = jobPosition(probe.url);
+    if (position >= 0) {
+        if (logging()) log("VRAXSecureWebChannel::removeJob: removed global entry");
+        m_httpGetJobs.erase(m_httpGetJobs.begin() + position);
+        // Later jobs moved down by one.
+        m_jobIndex.erase(probe.url);
+        for (size_t i = (size_t)position; i < m_httpGetJobs.size(); ++i) m_jobIndex[m_httpGetJobs[i].url] = i;
+        m_verifiedStale = true;
     }
     for (size_t t = 0; t < m_batch.size(); ++t) {
         std::vector<httpGetJob>& jobs = m_batch[t]->jobs;
@@ -133,4 +131,17 @@ int webChannel::isValid(const char* file, const char* checksum_, const char* alg
 
 int webChannel::isValid_c(const char* file, const char* checksum_, const char* algorithm) {
     return isValid(file, checksum_, algorithm);
+}
+
+long webChannel::jobPosition(const std::string& url) {
+    auto found = m_jobIndex.find(url);
+    if (found != m_jobIndex.end() && found->second < m_httpGetJobs.size() && m_httpGetJobs[found->second].url == url)
+        return (long)found->second;
+    if (found == m_jobIndex.end() && m_jobIndex.size() == m_httpGetJobs.size()) return -1;
+    // The index is out of step with the list (the list was changed directly):
+    // rebuild it. The first entry of a URL counts.
+    m_jobIndex.clear();
+    for (size_t i = 0; i < m_httpGetJobs.size(); ++i) m_jobIndex.emplace(m_httpGetJobs[i].url, i);
+    found = m_jobIndex.find(url);
+    return found == m_jobIndex.end() ? -1 : (long)found->second;
 }

@@ -41,6 +41,12 @@ int webChannel::httpMultiGet(bool finalize) {
     }
 
     initBatch();
+    // Bring the URL index up to date before the workers read it, and let
+    // the next hand-out start from the counters.
+    if (!m_httpGetJobs.empty()) jobPosition(m_httpGetJobs.front().url);
+    pthread_mutex_lock(&m_lock4);
+    m_verifiedStale = true;
+    pthread_mutex_unlock(&m_lock4);
 
     std::vector<pthread_t> threads;
     threads.reserve(m_batch.size());
@@ -133,15 +139,46 @@ int webChannel::downloadJob(threadData* record, unsigned int j) {
 }
 
 int webChannel::getNextDownloadedFile() {
-    for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
-        auto found = m_downloaded.find(m_httpGetJobs[i].url);
-        if (found == m_downloaded.end()) continue;
-        // Complete and verified (-1) becomes handed out (-2), once, even when
-        // several workers' callbacks ask at the same moment.
-        long expected = -1;
-        if (atomicSwap(found->second, expected, -2L)) return (int)i;
+    // The answer is the first job, in addJob order, whose file is complete
+    // and verified (-1); it becomes handed out (-2). Verified positions are
+    // kept in a set, so that a host asking after every file of a batch of
+    // thousands does not walk the whole list each time.
+    pthread_mutex_lock(&m_lock4);
+    if (m_verifiedStale) {
+        m_verified.clear();
+        for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
+            auto found = m_downloaded.find(m_httpGetJobs[i].url);
+            if (found != m_downloaded.end() && atomicLoad(found->second) == -1) m_verified.insert(i);
+        }
+        m_verifiedStale = false;
     }
-    return -1;
+    int result = -1;
+    while (!m_verified.empty()) {
+        size_t position = *m_verified.begin();
+        m_verified.erase(m_verified.begin());
+        if (position >= m_httpGetJobs.size()) continue;
+        auto found = m_downloaded.find(m_httpGetJobs[position].url);
+        if (found == m_downloaded.end()) continue;
+        // Several workers' callbacks may ask at the same moment: each file
+        // is handed out once.
+        long expected = -1;
+        if (atomicSwap(found->second, expected, -2L)) {
+            result = (int)position;
+            break;
+        }
+    }
+    pthread_mutex_unlock(&m_lock4);
+    return result;
+}
+
+void webChannel::noteVerified(const std::string& url) {
+    // The job list does not change during a batch; the index was brought up
+    // to date before the workers started.
+    auto found = m_jobIndex.find(url);
+    if (found == m_jobIndex.end()) return;
+    pthread_mutex_lock(&m_lock4);
+    m_verified.insert(found->second);
+    pthread_mutex_unlock(&m_lock4);
 }
 
 void webChannel::finalizeBatch() {

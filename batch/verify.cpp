@@ -84,6 +84,7 @@ int webChannel::checksumJob(threadData* record, unsigned int j) {
     }
     // Complete and verified: getNextDownloadedFile may hand it out now.
     atomicStore(counter->second, -1L);
+    noteVerified(job.url);
     return kOk;
 }
 

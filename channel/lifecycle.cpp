@@ -21,7 +21,8 @@ webChannel::webChannel()
       m_responseLength(0),
       m_errorCode(0),
       m_threadNum(0),
-      m_incomplete(nullptr) {
+      m_incomplete(nullptr),
+      m_verifiedStale(true) {
     pthread_mutex_init(&m_lock1, nullptr);
     pthread_mutex_init(&m_lock2, nullptr);
     pthread_mutex_init(&m_lock3, nullptr);
@@ -31,7 +32,9 @@ webChannel::webChannel()
 int webChannel::init(unsigned threadNum) {
     if (logging()) log("webChannel::init - start with threadNum = %s", std::to_string(threadNum).c_str());
     m_httpGetJobs.clear();
+    m_jobIndex.clear();
     m_downloaded.clear();
+    m_verifiedStale = true;
     m_errorCode = 0;
     m_errorMessage.clear();
     m_errorContext.clear();

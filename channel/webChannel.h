@@ -11,8 +11,10 @@
 
 #include <cstdio>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include <openssl/ssl.h>
@@ -232,6 +234,10 @@ public:
     static void* executeHttpGet(void* record);
     int executeJob(threadData* record, unsigned int j);
     int downloadJob(threadData* record, unsigned int j);
+    // Position of the job with this URL in m_httpGetJobs, or -1.
+    long jobPosition(const std::string& url);
+    // Notes that the file of this URL was verified, for getNextDownloadedFile.
+    void noteVerified(const std::string& url);
 
     // ---- batch/: segment download (segment.cpp) ----
     int httpGet(connection*& conn, std::string url, std::string file, httpGetJob* job, threadData* record,
@@ -270,13 +276,20 @@ public:
     pthread_mutex_t m_lock1;  // m_hostAddresses
     pthread_mutex_t m_lock2;  // m_proxyAnswers
     pthread_mutex_t m_lock3;  // m_params (the cookie capture writes it from workers)
-    pthread_mutex_t m_lock4;
+    pthread_mutex_t m_lock4;  // m_verified
     unsigned int m_threadNum;
     int* m_incomplete;
     AccessParams m_params;
     std::string m_proxyAnswer;
     // Shared-pool records retired while a caller may still hold them.
     std::vector<connection*> m_retiredConnections;
+    // Position of each URL in m_httpGetJobs, so that job lists of many
+    // thousand files need no linear searches (see jobPosition).
+    std::unordered_map<std::string, size_t> m_jobIndex;
+    // Positions of files verified (counter -1) and not handed out yet, under
+    // m_lock4; rebuilt from the counters when m_verifiedStale is set.
+    std::set<size_t> m_verified;
+    bool m_verifiedStale;
 
     static FILE* m_log;
 };
