@@ -102,7 +102,7 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
     std::string text = request.str();
     if (logging()) log("SENT\n%s\n", text.c_str());
     int sent = writeAll(conn, text);
-    if (sent == 0 || (sent == -1 && isReset())) {
+    if (sent == 0 || (sent == -1 && isDropped())) {
         if (logging()) log("SENT\n%d : %d\n", sent, m_errorCode);
         dropConnection(conn, record);  // the next attempt needs a fresh connection
         ++attempts;
@@ -141,11 +141,19 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
         log("VRAXSecureWebChannel::httpGet(thread %d, file %s): code %d, size %lld bytes", thread, target, code,
             contentLength);
 
+    // Where the body starts. A head that never ended (the peer closed in its
+    // middle, or it exceeds the buffer) is unusable: none of it may be taken
+    // for a size or reach a target.
+    const long long bodyStart = findHeadEnd(headText);
+    if (bodyStart == 0 && mode >= 0) {
+        dropConnection(conn, record);
+        return received >= kMaxRead ? kBadStatus : kReadFailed;
+    }
     // Bytes of this response still on the wire after the first block, when
     // known: a connection is reused only when nothing of the response is left.
     auto leftOnWire = [&]() -> long long {
-        if (mode != kOk || !head.contentLengthSeen || head.headerLength <= 0) return -1;
-        return head.headerLength + head.contentLength - received;
+        if (mode != kOk || !head.contentLengthSeen || head.contentLength < 0) return -1;
+        return bodyStart + head.contentLength - received;
     };
     if (mode < 0 || code < 200 || code >= 400) {
         if (leftOnWire() != 0) dropConnection(conn, record);
@@ -170,12 +178,6 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
         // fetched, so the connection cannot serve another request.
         dropConnection(conn, record);
         return kOk;
-    }
-    if (head.headerLength <= 0) {
-        // The head never ended: the peer closed in its middle or it exceeds
-        // the buffer. None of it may reach the target.
-        dropConnection(conn, record);
-        return head.headerLength == 0 && received >= kMaxRead ? kBadStatus : kReadFailed;
     }
     if (head.contentLengthSeen && head.contentLength < 0) {
         dropConnection(conn, record);
@@ -266,7 +268,7 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
     };
     auto wantsMore = [&]() { return chunked ? remaining > 0 : remaining > 0 && wire > 0; };
 
-    int dumped = deliver(head.headerLength, received);
+    int dumped = deliver(bodyStart, received);
     report();
     lastRead = received;
     bool resetSeen = false;

@@ -58,6 +58,10 @@ bool webChannel::isReset() {
     return errno == ECONNRESET;
 }
 
+bool webChannel::isDropped() {
+    return errno == ECONNRESET || errno == EPIPE;
+}
+
 bool webChannel::isCancelled() {
     // A failed job ends only its own worker; cancellation ends them all.
     for (threadData* record : m_batch) {

@@ -159,6 +159,9 @@ public:
     static int errorCode();
     static bool isSocketError();
     static bool isReset();
+    // The peer dropped the connection under a write: a reset, or (for a
+    // kept connection the server had already closed) a broken pipe.
+    static bool isDropped();
     // Keeps the first failure of a batch together with its file.
     void recordFailure(int code, const std::string& file);
 

@@ -71,8 +71,13 @@ int webChannel::httpPost(connection* conn, const char* url, char* headers, char*
         dropConnection(conn, nullptr);
         if (code != 301 && code != 307 && code != 308) return kBadStatus;
         if (depth >= kMaxPostRedirects) return kTooManyAttempts;
-        // The parser left the target in m_response (no connection given).
+        // The parser left the target in m_response (no connection given). A
+        // target without scheme and port goes to the same server, on a
+        // fresh connection since the old one still holds the redirect's body.
         std::string target = m_response;
+        std::string targetHost, targetPort, targetPath;
+        if (!parseURL(target, nullptr, targetHost, targetPort, targetPath, nullptr))
+            target = conn->host + ":" + conn->port + (targetPath.empty() ? "/" : targetPath);
         ++depth;
         int result = httpPost(conn, target.c_str(), headers, body, false);
         --depth;

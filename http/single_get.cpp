@@ -102,7 +102,7 @@ int webChannel::httpGetResponse(connection*& conn, std::string url, int& attempt
     std::string text = request.str();
     if (logging()) log("SENT\n%s\n", text.c_str());
     int written = writeAll(conn, text);
-    if (written == 0 || (written == -1 && isReset())) {
+    if (written == 0 || (written == -1 && isDropped())) {
         if (logging()) log("SENT\n%d : %d\n", written, errorCode());
         dropConnection(conn, nullptr);  // the retry needs a fresh connection
         ++attempts;

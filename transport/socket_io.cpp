@@ -26,7 +26,19 @@ int webChannel::read(connection* conn, char* buffer, int size, long long offset,
                 if (received == -1) return isSocketError() ? -1 : 0;
                 return (int)received;
             }
-            if (events & EPOLLERR) return conn->hangupEvents != 0 ? 0 : -1;
+            if (events & EPOLLERR) {
+                // A reset shows as the error bit together with the hang-up
+                // bits; it is reported as a failed read with ECONNRESET, so
+                // that callers can tell it from an orderly close and resume.
+                int error = 0;
+                socklen_t length = sizeof(error);
+                getsockopt(conn->socket, SOL_SOCKET, SO_ERROR, &error, &length);
+                if (error == ECONNRESET) {
+                    errno = ECONNRESET;
+                    return -1;
+                }
+                return conn->hangupEvents != 0 ? 0 : -1;
+            }
             if (conn->hangupEvents != 0 || (events & 0x2019)) return 0;
         }
         if (waited == 0) return -2;
