@@ -301,6 +301,13 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
         // Kept for the next request only when the response was read to its
         // last byte and the peer is still there.
         if (chunked || untilClose || wire != 0 || conn->hangupEvents != 0) dropConnection(conn, record);
+        // The host asked to stop on the report of a piece that was already
+        // complete: the piece stands, but its worker takes no further job
+        // and the batch ends as cancelled.
+        if (lastReport < 0 && record != nullptr) {
+            atomicStore(record->error, (int)kCancelled);
+            recordFailure(kCancelled, file);
+        }
         return kOk;
     }
 

@@ -42,7 +42,23 @@ void webChannel::recordFailure(int code, const std::string& file) {
     // The first failure of a batch wins; the workers race for it, so the
     // claim is a compare-and-swap and only the winner writes the context.
     int expected = 0;
-    if (atomicSwap(m_errorCode, expected, code)) m_errorContext = file;
+    if (!atomicSwap(m_errorCode, expected, code)) return;
+    m_errorContext = file;
+    m_errorMessage = errorText(code, file);
+}
+
+void webChannel::setError(int code) {
+    m_errorCode = code;
+    m_errorMessage = code == 0 ? std::string() : errorText(code, std::string());
+}
+
+std::string webChannel::errorText(int code, const std::string& file) {
+    // In words, with the file a batch failure concerns. The text ends with a
+    // line feed because getErrorCode drops the last character of a message
+    // shorter than the host's buffer: that way only the line feed goes.
+    std::string text = resultText(code);
+    if (!file.empty()) text += ": " + file;
+    return text + "\n";
 }
 
 int webChannel::errorCode() {

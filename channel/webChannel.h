@@ -164,6 +164,9 @@ public:
     static bool isDropped();
     // Keeps the first failure of a batch together with its file.
     void recordFailure(int code, const std::string& file);
+    // Sets the error state of a single request (0 clears it).
+    void setError(int code);
+    static std::string errorText(int code, const std::string& file);
 
     // ---- channel/: progress (progress.cpp) ----
     long long handleProgress(long long lastReported, long long done, long long total, int mode);

@@ -20,7 +20,7 @@ int webChannel::httpPost(const char* url, char* headers, char* body, bool flag) 
     m_errorContext.clear();
     int result = httpPost(nullptr, url, headers, body, flag);
     releaseRetired();
-    if (result < 0) m_errorCode = result;
+    if (result < 0) setError(result);
     return result;
 }
 

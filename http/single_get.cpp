@@ -42,7 +42,7 @@ int webChannel::httpGet(const char* url, const char* file) {
         result = httpGet(conn, current, file != nullptr ? file : "", nullptr, nullptr, attempts);
     } while (result == kRepeat);
     releaseRetired();
-    if (result < 0) m_errorCode = result;
+    if (result < 0) setError(result);
     return result;
 }
 
@@ -68,7 +68,7 @@ int webChannel::httpGet(const char* url) {
         if (result == kRepeat && attempts == ~before && ++redirects > kMaxMemoryRedirects) result = kTooManyAttempts;
     } while (result == kRepeat);
     releaseRetired();
-    if (result < 0) m_errorCode = result;
+    if (result < 0) setError(result);
     return result;
 }
 

@@ -15,6 +15,11 @@ int webChannel::read(connection* conn, char* buffer, int size, long long offset,
     (void)offset;
     if (buffer == nullptr || size <= 0) return 0;
     buffer[0] = 0;
+    if (conn->ssl == nullptr && conn->socket == 0) {
+        // A closed record: never wait on descriptor 0, which is not ours.
+        errno = EBADF;
+        return -1;
+    }
     if (conn->ssl == nullptr) {
         conn->hangupEvents = 0;
         unsigned events = 0;
@@ -70,6 +75,9 @@ int webChannel::write(connection* conn, std::string data) {
         SigpipeBlock guard;
         ERR_clear_error();
         result = SSL_write(conn->ssl, data.data(), (int)data.size());
+    } else if (conn->socket == 0) {
+        errno = EBADF;
+        result = -1;
     } else {
         bool send_ = true;
         result = 0;

@@ -164,6 +164,31 @@ TEST(Batch, ACancellingCallbackEndsTheBatchAndKeepsFinishedFiles) {
     EXPECT_EQ(channel.getNextDownloadedFile(), -1);
 }
 
+TEST(Batch, CancellingOnFilesThatArriveInOneReadStopsTheBatch) {
+    const std::string dir = testsupport::tempDir();
+    webChannel channel;
+    ASSERT_EQ(channel.init(2), 0);
+    ProgressLog progress;
+    progress.channel = &channel;
+    progress.cancel = true;
+    channel.setHandler(ProgressLog::handler, &progress);
+    char name[64];
+    for (int i = 0; i < 200; ++i) {
+        snprintf(name, sizeof(name), "/small/f%05d.bin", i);
+        ASSERT_EQ(channel.addJob(peers().httpUrl(name).c_str(), (dir + name).c_str(), 1024, nullptr, nullptr), 0);
+    }
+    int pending = channel.httpMultiGet(true);
+    EXPECT_GE(pending, 190);  // each worker finishes at most the piece it was on
+    char text[8];
+    EXPECT_EQ(channel.getErrorCode(text, sizeof(text)), kCancelled);
+    // What finished stays finished and verified.
+    EXPECT_EQ((int)progress.handedOut.size() + [&] {
+        int more = 0;
+        while (channel.getNextDownloadedFile() >= 0) ++more;
+        return more;
+    }(), 200 - pending);
+}
+
 // Digest mismatch: reported with the file, not handed out, fetched again.
 TEST(Batch, ADigestMismatchIsReportedAndTheNextBatchFetchesTheFileAgain) {
     const std::string dir = testsupport::tempDir();
@@ -186,6 +211,9 @@ TEST(Batch, ADigestMismatchIsReportedAndTheNextBatchFetchesTheFileAgain) {
     std::string context, message;
     EXPECT_EQ(channel.getError(context, message), kChecksumMismatch);
     EXPECT_EQ(context, file);
+    char text[512];
+    EXPECT_EQ(channel.getErrorCode(text, sizeof(text)), kChecksumMismatch);
+    EXPECT_EQ(std::string(text), "size or digest mismatch: " + file);
     EXPECT_EQ(channel.getNextDownloadedFile(), -1);
     EXPECT_EQ(channel.httpMultiGet(true), 0);
     EXPECT_EQ(channel.getNextDownloadedFile(), 0);

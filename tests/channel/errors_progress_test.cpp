@@ -41,7 +41,7 @@ TEST(ErrorState, FirstFailureWinsWithItsFile) {
     std::string context, message;
     EXPECT_EQ(channel.getError(context, message), kBadStatus);
     EXPECT_EQ(context, "/a");
-    EXPECT_EQ(message, "");
+    EXPECT_EQ(message, "response status not accepted: /a\n");
 }
 
 TEST(ErrorState, IsErrorNamesTheFailedWorker) {

@@ -1,0 +1,21 @@
+// A minimal host built against the installed library (see CMakeLists.txt
+// here, or pkg-config): it creates the channel, initialises it, prints the
+// words for a result code and releases the channel.
+#include <cstdio>
+
+#include "VRAXSecureWebChannel.h"  // include/webchannel/channel
+#include "util/webutil.h"          // include/webchannel: the utility library
+
+int main() {
+    VRAXSecureWebChannel* channel = VRAXSecureWebChannelCreate();
+    if (channel == nullptr) {
+        fprintf(stderr, "no channel\n");
+        return 1;
+    }
+    int result = channel->init(2);
+    printf("init: %d (%s)\n", result, wc::resultText(result));
+    printf("code %d: %s\n", wc::kChecksumMismatch, wc::resultText(wc::kChecksumMismatch));
+    printf("basename: %s\n", get_basename("/data/big.iso").c_str());
+    VRAXSecureWebChannelDestroy(channel);
+    return result == wc::kOk ? 0 : 1;
+}
