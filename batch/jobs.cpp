@@ -40,14 +40,7 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
         // so a stale length of an earlier response is never taken, and an
         // announced length of 0 (an empty file) is.
         m_responseLength = -1;
-        int attempts = 0;
-        connection* conn = nullptr;
-        std::string current = url;
-        int result;
-        do {
-            if (attempts < 0 && conn != nullptr) current = conn->location;
-            result = httpGet(conn, current, std::string(), nullptr, nullptr, attempts);
-        } while (result == kRepeat);
+        int result = fetch(url, std::string(), nullptr, nullptr);
         releaseRetired();
         size = result == kOk ? m_responseLength : -1;
         if (logging()) log("VRAXSecureWebChannel::addJob: calculated size is %lld", size);

@@ -120,14 +120,7 @@ int webChannel::downloadJob(threadData* record, unsigned int j) {
             atomicLoad(job.downloaded), atomicLoad(job.size));
     // Finished in an earlier batch.
     if (atomicLoad(job.downloaded) == atomicLoad(job.size) && job.size >= 1) return kOk;
-    std::string url = job.url;
-    connection* conn = nullptr;
-    int attempts = 0;
-    int result;
-    do {
-        if (attempts < 0 && conn != nullptr) url = conn->location;
-        result = httpGet(conn, url, job.file, &job, record, attempts);
-    } while (result == kRepeat);
+    int result = fetch(job.url, job.file, &job, record);
     if (logging())
         log("VRAXSecureWebChannel::downloadJob: thread %d, job %d finished with result %d", record->index, (int)j,
             result);

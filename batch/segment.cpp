@@ -334,3 +334,16 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
             (int)lastReport);
     return cancelled || lastReport < 0 ? kCancelled : kReadFailed;
 }
+
+int webChannel::fetch(std::string url, const std::string& file, httpGetJob* job, threadData* record) {
+    // After a redirect (attempts negative) the next attempt goes to the
+    // location the response left in the connection record.
+    connection* conn = nullptr;
+    int attempts = 0;
+    int result;
+    do {
+        if (attempts < 0 && conn != nullptr) url = conn->location;
+        result = httpGet(conn, url, file, job, record, attempts);
+    } while (result == kRepeat);
+    return result;
+}

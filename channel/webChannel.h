@@ -248,6 +248,9 @@ public:
     // ---- batch/: segment download (segment.cpp) ----
     int httpGet(connection*& conn, std::string url, std::string file, httpGetJob* job, threadData* record,
                 int& attempts);
+    // Runs the segment download until it stops answering "repeat", following
+    // redirects: the single GET into a file, the size probe and every batch job.
+    int fetch(std::string url, const std::string& file, httpGetJob* job, threadData* record);
 
     // ---- batch/: verification (verify.cpp) ----
     std::string checksum(std::string file, std::string algorithm);

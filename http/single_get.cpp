@@ -33,14 +33,7 @@ int webChannel::httpGet(const char* url, const char* file) {
     m_errorContext.clear();
     if (m_buffer == nullptr) return kInvalidArgument;  // init() has not sized the buffers
     SigpipeIgnore sigpipe;
-    int attempts = 0;
-    connection* conn = nullptr;
-    std::string current = url;
-    int result;
-    do {
-        if (attempts < 0 && conn != nullptr) current = conn->location;
-        result = httpGet(conn, current, file != nullptr ? file : "", nullptr, nullptr, attempts);
-    } while (result == kRepeat);
+    int result = fetch(url, file != nullptr ? file : "", nullptr, nullptr);
     releaseRetired();
     if (result < 0) setError(result);
     return result;
