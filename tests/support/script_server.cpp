@@ -512,7 +512,9 @@ void ScriptServer::acceptLoop() {
         ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
 
         auto worker = std::make_unique<Worker>();
-        worker->connection.reset(new ServerConnection(fd, accepted_.load(), shared_));
+        // Counted before the handler runs, so that a test reading
+        // connections() after the handler's answer always sees it.
+        worker->connection.reset(new ServerConnection(fd, accepted_.fetch_add(1), shared_));
         Worker* w = worker.get();
         try {
             w->thread = std::thread([this, w] {
@@ -536,7 +538,6 @@ void ScriptServer::acceptLoop() {
             std::fprintf(stderr, "ScriptServer: cannot start a handler thread: %s\n", e.what());
             continue;  // the connection is closed with its object
         }
-        accepted_.fetch_add(1);
         workers_.push_back(std::move(worker));
     }
 }
