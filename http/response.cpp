@@ -79,7 +79,10 @@ void parseResponseHead(std::string_view text, bool captureCookies, ResponseHead&
     }
     // The code is read from the text between the two blanks; the second blank
     // may lie beyond the status line ("HTTP/1.1 200\r\nServer: x").
-    head.code = (int)(long)leadingNumber(text.substr(first + 1, second - first));
+    // A number beyond the range of a status code saturates rather than
+    // wrapping around: "4294967496" must not read as 200.
+    long long code = leadingNumber(text.substr(first + 1, second - first));
+    head.code = code > INT_MAX ? INT_MAX : code < INT_MIN ? INT_MIN : (int)code;
 
     size_t position = 0;
     while (position != std::string_view::npos && position <= text.size()) {
