@@ -106,8 +106,13 @@ void* webChannel::executeHttpGet(void* argument) {
 }
 
 int webChannel::executeJob(threadData* record, unsigned int j) {
+    // A piece finished in an earlier batch was counted against its file
+    // then; counting it again would verify the file before its last piece
+    // arrived, and mark it verified when that piece came in unchecked.
+    const httpGetJob& job = record->jobs[j];
+    const bool finishedBefore = atomicLoad(job.downloaded) == atomicLoad(job.size) && job.size >= 1;
     int result = downloadJob(record, j);
-    if (result != kOk) return result;
+    if (result != kOk || finishedBefore) return result;
     result = checksumJob(record, j);
     if (result != kOk) checksumErrJob(record, j);
     return result;

@@ -153,7 +153,7 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
     // known: a connection is reused only when nothing of the response is left.
     auto leftOnWire = [&]() -> long long {
         if (mode != kOk || !head.contentLengthSeen || head.contentLength < 0) return -1;
-        return bodyStart + head.contentLength - received;
+        return head.contentLength - (received - bodyStart);  // cannot overflow: both terms are >= 0
     };
     if (mode < 0 || code < 200 || code >= 400) {
         if (leftOnWire() != 0) dropConnection(conn, record);

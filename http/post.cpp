@@ -85,7 +85,9 @@ int webChannel::httpPost(connection* conn, const char* url, char* headers, char*
     }
     if ((size_t)received >= m_response.max_size()) return kBadChunkSize;
     std::string answer(head);
-    long long expected = contentLength + headerLength - received;
+    // What the announced length still asks for beyond this read; written so
+    // that a length near 2^63 cannot overflow.
+    long long expected = contentLength < 0 ? contentLength : contentLength - (received - headerLength);
     // Read until the server closes or goes quiet for the transfer time-out.
     for (;;) {
         int more = read(conn, buffer, kMaxRead, 0, false);

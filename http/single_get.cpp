@@ -131,7 +131,7 @@ int webChannel::httpGetResponse(connection*& conn, std::string url, int& attempt
     // Only what the first read brought is used; whatever else the server
     // sends would be taken for the next response, so such a connection goes.
     bool consumed = parsedHead == kOk && head.contentLengthSeen && head.headerLength > 0 &&
-                    head.contentLength >= 0 && head.headerLength + head.contentLength == received;
+                    head.contentLength >= 0 && head.contentLength == received - head.headerLength;
     if (!consumed) dropConnection(conn, nullptr);
     if (parsedHead < 0 || code < 200 || code > 399) return kBadStatus;
     if (code < 300) {

@@ -64,8 +64,15 @@ int webChannel::initSocket(connection* conn, threadData* worker) {
         if (conn->address == 0) return kProxyUnusable;
     }
     const std::string& port = viaProxy ? proxyPort : conn->port;
+    // A port text that is no port ("", "abc", "65616") must not turn into
+    // port 0 or wrap around to another port: it is a failed connect.
+    const long portNumber = atol(port.c_str());
+    if (portNumber < 1 || portNumber > 65535) {
+        if (logging()) log("VRAXSecureWebChannel::initSocket: connection error %d", EINVAL);
+        return kConnectFailed;
+    }
     conn->serverAddress.sin_family = AF_INET;
-    conn->serverAddress.sin_port = htons((uint16_t)atol(port.c_str()));
+    conn->serverAddress.sin_port = htons((uint16_t)portNumber);
     conn->serverAddress.sin_addr.s_addr = (in_addr_t)(viaProxy ? proxyAddress : conn->address);
 
     int flags = fcntl(conn->socket, F_GETFL, 0);

@@ -74,6 +74,20 @@ TEST_F(SocketConnect, RefusedPortFailsWithConnectError) {
     EXPECT_EQ(openDescriptorCount(), before);
 }
 
+TEST_F(SocketConnect, PortTextThatIsNoPortFailsWithoutConnecting) {
+    // An empty port, 0, or a number that would wrap around to another port.
+    for (const char* url : {"http://127.0.0.1:/", "http://127.0.0.1:0/", "http://127.0.0.1:65616/", "127.0.0.1:abc"}) {
+        const int before = openDescriptorCount();
+        int result = 0;
+        EXPECT_EQ(channel.open(url, nullptr, false, &result), nullptr) << url;
+        EXPECT_EQ(result, kConnectFailed) << url;
+        EXPECT_TRUE(channel.m_connections.empty());
+        EXPECT_EQ(openDescriptorCount(), before) << url;
+    }
+    EXPECT_EQ(loggedCount("VRAXSecureWebChannel::initSocket: connection error " + std::to_string(EINVAL)), 4);
+    EXPECT_EQ(loggedCount("is connected to"), 0);
+}
+
 TEST_F(SocketConnect, RefusedTlsPortFailsBeforeAnyHandshake) {
     RefusingPort refusing;
     const int before = openDescriptorCount();
