@@ -48,6 +48,17 @@ int webChannel::httpMultiGet(bool finalize) {
     m_verifiedStale = true;
     pthread_mutex_unlock(&m_lock4);
 
+    // Progress reports run on every worker after every block; they read the
+    // counters through these pointers instead of searching the map by URL.
+    // The map does not change while the workers run, so they stay valid.
+    m_jobCounters.clear();
+    for (const httpGetJob& job : m_httpGetJobs) m_jobCounters.push_back(&m_downloaded[job.url]);
+    for (threadData* record : m_batch) {
+        record->counters.clear();
+        for (const httpGetJob& job : record->jobs) record->counters.push_back(&m_downloaded[job.url]);
+    }
+    m_batchRunning = true;
+
     std::vector<pthread_t> threads;
     threads.reserve(m_batch.size());
     int result = kOk;
@@ -67,6 +78,7 @@ int webChannel::httpMultiGet(bool finalize) {
         }
         for (pthread_t thread : threads) pthread_join(thread, nullptr);
     }
+    m_batchRunning = false;
     if (result != kOk) return result;
 
     if (m_handler != nullptr) handleProgress(-1, 0, 0, 0);

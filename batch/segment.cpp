@@ -195,6 +195,9 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
         return kBadStatus;
     }
     FILE* out = job != nullptr ? openShared(file) : openFresh(file);
+    // Body blocks are large already: they go to the file in one write each,
+    // without a copy through a stdio buffer.
+    if (out != nullptr) setvbuf(out, nullptr, _IONBF, 0);
     if (out == nullptr) {
         if (logging())
             log("VRAXSecureWebChannel::httpGet(thread %d, file %s): failed to open target: %d", thread, target,
@@ -274,7 +277,7 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
     bool resetSeen = false;
     bool closedByPeer = false;
     while (dumped == kOk && wantsMore() && lastReport >= 0 && !isCancelled()) {
-        int got = read(conn, buffer + offset, (int)(kMaxRead - offset), 0, false);
+        int got = readBlock(conn, buffer + offset, (int)(kMaxRead - offset));
         if (got <= 0) {
             resetSeen = got == -1 && isReset();
             lastRead = got;

@@ -33,20 +33,29 @@ long long webChannel::handleProgress(long long lastReported, long long done, lon
     long long bytesTotal = total;
     if (!m_downloaded.empty()) bytesDone = bytesTotal = 0;
 
+    // The counter of job `i` of the list, or of job `j` of a worker.
+    const bool indexed = m_batchRunning;
+    auto listCounter = [&](size_t i) {
+        return indexed ? atomicLoad(*m_jobCounters[i]) : counterOf(m_downloaded, m_httpGetJobs[i].url);
+    };
+    auto workerCounter = [&](const threadData* record, size_t j) {
+        return indexed ? atomicLoad(*record->counters[j]) : counterOf(m_downloaded, record->jobs[j].url);
+    };
+
     if (done / kProgressStep != lastReported) {
         // Files whose counter went negative are finished and verified (or
         // handed out); they are counted and their size is part of the total.
-        for (const httpGetJob& job : m_httpGetJobs) {
-            if (counterOf(m_downloaded, job.url) < 0) {
+        for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
+            if (listCounter(i) < 0) {
                 ++failedJobs;
-                bytesTotal += job.size;
+                bytesTotal += m_httpGetJobs[i].size;
             }
         }
         for (threadData* record : m_batch) {
-            for (const httpGetJob& job : record->jobs) {
-                if (counterOf(m_downloaded, job.url) < 0) continue;
-                bytesDone += atomicLoad(job.downloaded);
-                bytesTotal += atomicLoad(job.size);
+            for (size_t j = 0; j < record->jobs.size(); ++j) {
+                if (workerCounter(record, j) < 0) continue;
+                bytesDone += atomicLoad(record->jobs[j].downloaded);
+                bytesTotal += atomicLoad(record->jobs[j].size);
             }
         }
         result = bytesDone / kProgressStep;
@@ -58,9 +67,9 @@ long long webChannel::handleProgress(long long lastReported, long long done, lon
     for (threadData* record : m_batch) {
         int code = atomicLoad(record->error);
         if (code == 0 || code == kCancelled) continue;
-        for (const httpGetJob& job : record->jobs) {
-            if (counterOf(m_downloaded, job.url) >= 0) {
-                blamed = &job.url;
+        for (size_t j = 0; j < record->jobs.size(); ++j) {
+            if (workerCounter(record, j) >= 0) {
+                blamed = &record->jobs[j].url;
                 break;
             }
         }
@@ -68,10 +77,15 @@ long long webChannel::handleProgress(long long lastReported, long long done, lon
     }
     int jobIndex = -1;
     if (blamed != nullptr) {
-        for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
-            if (m_httpGetJobs[i].url == *blamed) {
-                jobIndex = (int)i;
-                break;
+        auto position = m_jobIndex.find(*blamed);
+        if (indexed && position != m_jobIndex.end()) {
+            jobIndex = (int)position->second;
+        } else {
+            for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
+                if (m_httpGetJobs[i].url == *blamed) {
+                    jobIndex = (int)i;
+                    break;
+                }
             }
         }
     }

@@ -107,6 +107,9 @@ public:
         // Records taken out of `connections` while a caller may still hold
         // them; released with the pool.
         std::vector<connection*> retired;
+        // While a batch runs: the state counter of each job's URL, in the
+        // order of `jobs`, for progress reports without map searches.
+        std::vector<const long*> counters;
     };
 
     webChannel();
@@ -211,6 +214,9 @@ public:
     // written, or the first failing result (0, -1, -2); a failure after some
     // bytes went out gives -1.
     int writeAll(connection* conn, const std::string& data);
+    // One read, as read() with fill off; over TLS it also takes, without
+    // blocking, the records the TLS layer already holds.
+    int readBlock(connection* conn, char* buffer, int size);
 
     // ---- http/: response heads (response.cpp) ----
     // `details` (optional) receives everything the parse found.
@@ -299,6 +305,9 @@ public:
     // m_lock4; rebuilt from the counters when m_verifiedStale is set.
     std::set<size_t> m_verified;
     bool m_verifiedStale;
+    // While a batch runs: the state counter of each job of m_httpGetJobs.
+    std::vector<const long*> m_jobCounters;
+    bool m_batchRunning;
 
     static FILE* m_log;
 };

@@ -72,7 +72,8 @@ int webChannel::dump(FILE* file, char* buf, long long len, long long& offset, lo
     if (mode == 0) {
         if (len <= 0) return kOk;
         long long count = len - offset;
-        size_t written = count > 0 ? fwrite(buf + offset, 1, (size_t)count, file) : 0;
+        // The target belongs to one worker: no stdio locking is needed.
+        size_t written = count > 0 ? fwrite_unlocked(buf + offset, 1, (size_t)count, file) : 0;
         if (job != nullptr) atomicAdd(job->downloaded, (long long)written);
         remaining -= (long long)written;
         offset = 0;
@@ -96,9 +97,19 @@ int webChannel::dump(FILE* file, char* buf, long long len, long long& offset, lo
         offset = len - from;
         return kOk;
     };
+    // The bytes written in this call reach the job's count once, on return:
+    // other workers read that count, and small chunks must not each pay for
+    // an atomic update.
+    struct Counted {
+        httpGetJob* job;
+        long long bytes;
+        ~Counted() {
+            if (job != nullptr && bytes != 0) atomicAdd(job->downloaded, bytes);
+        }
+    } counted{job, 0};
     auto writeData = [&](long long from, long long count) {
-        size_t written = count > 0 ? fwrite(buf + from, 1, (size_t)count, file) : 0;
-        if (job != nullptr) atomicAdd(job->downloaded, (long long)written);
+        size_t written = count > 0 ? fwrite_unlocked(buf + from, 1, (size_t)count, file) : 0;
+        counted.bytes += (long long)written;
         return (long long)written == count;
     };
 

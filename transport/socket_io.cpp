@@ -11,6 +11,21 @@
 #include "transport/poll_wait.h"
 #include "transport/sigpipe.h"
 
+namespace {
+
+// Whether the TLS layer already holds data for the next read, decrypted or
+// not (with read-ahead, whole records wait in its buffer), so that reading
+// it cannot block.
+bool tlsHolds(SSL* ssl) {
+#if OPENSSL_VERSION_NUMBER >= 0x10100000L
+    return SSL_has_pending(ssl) != 0;
+#else
+    return SSL_pending(ssl) != 0;
+#endif
+}
+
+}  // namespace
+
 int webChannel::read(connection* conn, char* buffer, int size, long long offset, bool fill) {
     (void)offset;
     if (buffer == nullptr || size <= 0) return 0;
@@ -62,7 +77,7 @@ int webChannel::read(connection* conn, char* buffer, int size, long long offset,
     int result = SSL_read(conn->ssl, buffer, size);
     while (result > 0) {
         total += result;
-        if (total >= size || SSL_pending(conn->ssl) == 0) break;
+        if (total >= size || !tlsHolds(conn->ssl)) break;
         ERR_clear_error();
         result = SSL_read(conn->ssl, buffer + total, size - total);
     }
@@ -144,4 +159,18 @@ int webChannel::writeAll(connection* conn, const std::string& data) {
         return -1;
     }
     return (int)(done > (size_t)2147483647 ? 2147483647 : done);
+}
+
+int webChannel::readBlock(connection* conn, char* buffer, int size) {
+    int got = read(conn, buffer, size, 0, false);
+    // Over TLS a read brings one record; the records the TLS layer already
+    // holds are taken too, so that the file gets large writes rather than
+    // one per 16 KiB record. None of these further reads can block.
+    if (got <= 0 || conn->ssl == nullptr) return got;
+    while (got < size && tlsHolds(conn->ssl)) {
+        int more = read(conn, buffer + got, size - got, 0, false);
+        if (more <= 0) break;
+        got += more;
+    }
+    return got;
 }
