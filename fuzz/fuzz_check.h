@@ -1,31 +1,56 @@
-// Shared by the fuzz targets: the failure report and the one channel object
-// of the process.
+// Shared by the fuzz targets: the failure report, one channel, a plain
+// reading of chunk sizes.
 #ifndef WEBCHANNEL_FUZZ_CHECK_H
 #define WEBCHANNEL_FUZZ_CHECK_H
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string>
+#include <tuple>
 
 #include "channel/webChannel.h"
+#include "http/body.h"
 
-// A broken invariant is a finding like a crash: libFuzzer saves the input
-// when the process aborts.
-#define FUZZ_CHECK(condition, ...)                                                         \
-    do {                                                                                   \
-        if (!(condition)) {                                                                \
+// A broken invariant aborts, so libFuzzer saves the input like a crash.
+#define FUZZ_CHECK(condition, ...)                                                                 \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
             std::fprintf(stderr, "%s:%d: check failed: %s\n  ", __FILE__, __LINE__, #condition); \
-            std::fprintf(stderr, __VA_ARGS__);                                             \
-            std::fputc('\n', stderr);                                                      \
-            std::abort();                                                                  \
-        }                                                                                  \
+            std::fprintf(stderr, __VA_ARGS__);                                                     \
+            std::fputc('\n', stderr);                                                              \
+            std::abort();                                                                          \
+        }                                                                                          \
     } while (0)
 
-// The member functions under test need a channel but no init(); one object
-// serves every input (construction takes locks and would only cost time).
 // Never destroyed: it stays reachable, so the leak check ignores it.
 inline webChannel& fuzzChannel() {
     static webChannel* channel = new webChannel;
     return *channel;
+}
+
+// The chunk size at the start of `text` as strtoll(text, &end, 16) reads it;
+// incomplete while a following byte could change that reading ('g' ends any
+// number, '0' would continue it).
+inline ChunkSize referenceChunkSize(const char* text, size_t length) {
+    size_t run = 0;  // the bytes strtoll may take
+    while (run < length && text[run] != '\0' && std::strchr(" \t\n\v\f\r+-xX0123456789abcdefABCDEF", text[run])) ++run;
+    auto read = [&](const char* next) {
+        const std::string copy = std::string(text, run) + (run == length ? next : "");
+        char* end = nullptr;
+        errno = 0;
+        const long long value = std::strtoll(copy.c_str(), &end, 16);
+        return std::make_tuple(value, (size_t)(end - copy.c_str()), errno == ERANGE);
+    };
+    const auto [value, end, overflow] = read("g");
+    ChunkSize result;
+    if (read("0") != std::make_tuple(value, end, overflow)) return result;
+    result.end = end;  // 0: no number at all
+    const bool inRange = end == 0 || (!overflow && value >= 0 && value < 0x7ffffffffffffffdLL);
+    result.status = inRange ? ChunkSize::kComplete : ChunkSize::kOutOfRange;
+    result.size = inRange ? value : 0;
+    return result;
 }
 
 #endif

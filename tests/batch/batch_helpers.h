@@ -1,61 +1,251 @@
-// Helpers shared by the batch tests: digests computed independently of the
-// library, and a scripted server that serves a file with byte ranges.
+// Shared by the batch tests: a leak check, content generated from its offset (large files need no
+// memory), a scripted server that routes requests by path, a bounded wait, and a fixture.
 #ifndef WEBCHANNEL_TESTS_BATCH_HELPERS_H
 #define WEBCHANNEL_TESTS_BATCH_HELPERS_H
 
+#include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
 #include <functional>
+#include <map>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "channel/webChannel.h"
+#include "support/log_capture.h"
+#include "support/peers.h"
 #include "support/script_server.h"
 
 namespace batchtest {
 
-inline std::string digestOf(const std::string& data, const char* algorithm) {
-    const EVP_MD* md = EVP_get_digestbyname(algorithm);
-    unsigned char value[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_Digest(data.data(), data.size(), value, &length, md, nullptr);
-    static const char hex[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned i = 0; i < length; ++i) {
-        text += hex[value[i] >> 4];
-        text += hex[value[i] & 15];
+using testsupport::ScriptServer;
+using testsupport::ServerConnection;
+using Clock = std::chrono::steady_clock;
+
+// The log line of a repeat that costs an attempt and a 2-second pause.
+constexpr const char* kCountedRepeat = "server closed connection, re-creating";
+
+// Polls `condition` until it holds or `millis` pass; whether it held.
+inline bool eventually(const std::function<bool()>& condition, int millis = 5000) {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(millis);
+    for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+        if (Clock::now() >= deadline) return false;
+    return true;
+}
+
+// Descriptors and threads of the process when made, compared by check(). (A
+// sanitizer starts a helper thread with the first thread a program makes.)
+struct ResourceCheck {
+    static int threadCount() { return (int)std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); }
+    const int threads = (std::thread([] {}).join(), threadCount());
+    const int descriptors = testsupport::openDescriptorCount();
+    void check() const {
+        EXPECT_EQ(testsupport::openDescriptorCount(), descriptors) << "descriptors leaked";
+        // A joined thread may stay listed for a moment while the kernel ends it.
+        EXPECT_TRUE(eventually([this] { return threadCount() <= threads; }, 1000)) << "threads left running";
     }
+};
+
+// Content `seed`: byte p is byte p % 8 of mix(mix(seed) ^ p / 8).
+inline uint64_t mix(uint64_t x) {
+    x += 0x9e3779b97f4a7c15ULL;
+    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ULL;
+    x = (x ^ (x >> 27)) * 0x94d049bb133111ebULL;
+    return x ^ (x >> 31);
+}
+
+inline std::string generated(uint64_t seed, uint64_t from, size_t count) {
+    std::string out(count, '\0');
+    for (size_t i = 0, key = mix(seed); i < count;) {
+        const uint64_t p = from + i, word = mix(key ^ (p >> 3));
+        for (unsigned b = p & 7; b < 8 && i < count; ++b) out[i++] = (char)(word >> (8 * b));
+    }
+    return out;
+}
+
+// Lower-case hex digest of `data` followed by `size` bytes of content `seed`.
+inline std::string digestOf(const std::string& data, const char* algorithm = "md5", uint64_t seed = 0,
+                            uint64_t size = 0) {
+    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    EVP_DigestInit_ex(context, EVP_get_digestbyname(algorithm), nullptr);
+    EVP_DigestUpdate(context, data.data(), data.size());
+    for (uint64_t at = 0; at < size; at += 1 << 20) {
+        const std::string block = generated(seed, at, (size_t)std::min<uint64_t>(size - at, 1 << 20));
+        EVP_DigestUpdate(context, block.data(), block.size());
+    }
+    unsigned char value[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    EVP_DigestFinal_ex(context, value, &length);
+    EVP_MD_CTX_free(context);
+    std::string text;
+    for (unsigned i = 0; i < length; ++i)
+        text += {"0123456789abcdef"[value[i] >> 4], "0123456789abcdef"[value[i] & 15]};
     return text;
+}
+
+inline std::string generatedDigest(uint64_t seed, uint64_t size) {
+    return digestOf("", "md5", seed, size);
+}
+
+// True when the file holds exactly `size` bytes of content `seed`.
+inline bool fileHoldsGenerated(const std::string& path, uint64_t seed, uint64_t size) {
+    FILE* file = fopen(path.c_str(), "rb");
+    if (file == nullptr) return false;
+    std::vector<char> got(1 << 20);
+    uint64_t at = 0;
+    bool same = true;
+    for (size_t n; same && (n = fread(got.data(), 1, got.size(), file)) > 0; at += n)
+        same = at + n <= size && memcmp(got.data(), generated(seed, at, n).data(), n) == 0;
+    fclose(file);
+    return same && at == size;
 }
 
 // The byte range a request asks for ("Range: bytes=a-b"); false without one.
 inline bool requestedRange(const std::string& request, long long& first, long long& last) {
-    size_t at = request.find("\r\nRange: bytes=");
-    if (at == std::string::npos) return false;
-    return sscanf(request.c_str() + at + 15, "%lld-%lld", &first, &last) == 2;
+    const size_t at = request.find("\r\nRange: bytes=");
+    return at != std::string::npos && sscanf(request.c_str() + at, "\r\nRange: bytes=%lld-%lld", &first, &last) == 2;
 }
 
-// Answers one request for `content` the way a range-capable server does:
-// 206 with the asked range, or 200 with everything.
-inline void serveRange(testsupport::ServerConnection& c, const std::string& request, const std::string& content) {
+inline long long firstByte(const std::string& request) {
     long long first = 0, last = 0;
-    if (requestedRange(request, first, last)) {
-        std::string part = content.substr((size_t)first, (size_t)(last - first + 1));
-        c.send(testsupport::httpResponse(206, part,
-                                         "Content-Range: bytes " + std::to_string(first) + "-" + std::to_string(last) +
-                                             "/" + std::to_string(content.size()) + "\r\n"));
-    } else {
-        c.send(testsupport::httpResponse(200, content));
-    }
+    return requestedRange(request, first, last) ? first : 0;
 }
 
-inline std::string pseudoRandom(size_t size, unsigned seed) {
-    std::string data(size, '\0');
-    unsigned state = seed * 2654435761u + 1;
-    for (char& c : data) {
-        state = state * 1103515245u + 12345u;
-        c = (char)(state >> 16);
-    }
-    return data;
+// The path of the request target, absolute ("http://host/path") or not.
+inline std::string requestPath(const std::string& request) {
+    const size_t scheme = request.find("://");
+    const size_t start = scheme < request.find("\r\n") ? request.find('/', scheme + 3) : request.find(' ') + 1;
+    return request.substr(start, request.find(' ', start) - start);
 }
+
+// The head of a 206 (or, without a Range, 200) answer for the asked bytes.
+inline std::string headFor(const std::string& request, uint64_t size, long long& first, long long& count,
+                           bool ignoreRange = false) {
+    long long last = (long long)size - 1;
+    first = 0;
+    const bool ranged = !ignoreRange && requestedRange(request, first, last);
+    count = std::max(0LL, std::min(last, (long long)size - 1) - first + 1);
+    return std::string(ranged ? "HTTP/1.1 206 Partial Content\r\n" : "HTTP/1.1 200 OK\r\n") +
+           "Content-Length: " + std::to_string(count) + "\r\n\r\n";
+}
+
+// Answers as a range-capable server does (or, with `ignoreRange`, always 200).
+inline bool serveGenerated(ServerConnection& c, const std::string& request, uint64_t seed, uint64_t size,
+                           bool ignoreRange = false) {
+    long long first = 0, count = 0;
+    bool sent = c.send(headFor(request, size, first, count, ignoreRange));
+    for (long long at = 0; sent && at < count; at += 1 << 20)
+        sent = c.send(generated(seed, (uint64_t)(first + at), (size_t)std::min<long long>(count - at, 1 << 20)));
+    return sent;
+}
+
+// Sends the head for the asked bytes and half of them (at most `limit`).
+inline long long sendHalf(ServerConnection& c, const std::string& request, uint64_t seed, uint64_t size,
+                          long long limit = 1LL << 40) {
+    long long first = 0, count = 0;
+    const std::string head = headFor(request, size, first, count);
+    const long long half = std::min(count / 2, limit);
+    c.send(head + generated(seed, (uint64_t)first, (size_t)half));
+    return half;
+}
+
+// A scripted server dispatching each request by its path. A route gets the
+// connection, the request and how many requests for that path came before;
+// it answers false to end the connection. Unknown paths get a 404.
+class Routes {
+public:
+    using Route = std::function<bool(ServerConnection&, const std::string& request, int attempt)>;
+    explicit Routes(std::map<std::string, Route> routes)
+        : m_routes(std::move(routes)), m_server([this](ServerConnection& c) { serve(c); }) {}
+    std::string url(const std::string& path) const { return m_server.url(path); }
+    int connections() const { return m_server.connections(); }
+    size_t total() const { return m_server.requests().size(); }
+    std::vector<std::string> requestsFor(const std::string& path) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_requests[path];
+    }
+
+private:
+    void serve(ServerConnection& c) {
+        for (std::string request; !(request = c.readRequest()).empty();) {
+            const std::string path = requestPath(request);
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_requests[path].push_back(request);
+            const int attempt = (int)m_requests[path].size() - 1;
+            lock.unlock();
+            auto route = m_routes.find(path);
+            if (route == m_routes.end() ? !c.send(testsupport::httpResponse(404, ""))
+                                        : !route->second(c, request, attempt))
+                return;
+        }
+    }
+    std::map<std::string, Route> m_routes;
+    std::mutex m_mutex;
+    std::map<std::string, std::vector<std::string>> m_requests;
+    ScriptServer m_server;  // last: its handlers are joined before the routes go
+};
+
+inline Routes::Route content(uint64_t seed, uint64_t size, bool ignoreRange = false) {
+    return [=](ServerConnection& c, const std::string& request, int) {
+        return serveGenerated(c, request, seed, size, ignoreRange);
+    };
+}
+
+// Bytes a running batch has written of the piece of `path` ending at `end`.
+inline long long pieceWritten(webChannel& channel, const std::string& path, long long end) {
+    for (webChannel::threadData* record : channel.m_batch)
+        for (webChannel::httpGetJob& job : record->jobs)
+            if (job.end == end && requestPath("GET " + job.url + " ") == path)
+                return __atomic_load_n(&job.downloaded, __ATOMIC_SEQ_CST);
+    return -1;
+}
+
+// The batch's first failure as the host reads it: code and "<words>: <file>".
+inline void expectFirstFailure(webChannel& channel, int code, const std::string& file) {
+    char text[4096];
+    memset(text, 'x', sizeof(text));
+    EXPECT_EQ(channel.getErrorCode(text, (int)sizeof(text)), code);
+    EXPECT_EQ(std::string(text), std::string(wc::resultText(code)) + ": " + file);
+}
+
+// Everything getNextDownloadedFile hands out now, in order.
+inline std::vector<int> handedOut(webChannel& channel) {
+    std::vector<int> indexes;
+    for (int i = 0, index; i < 1000000 && (index = channel.getNextDownloadedFile()) >= 0; ++i) indexes.push_back(index);
+    return indexes;
+}
+
+// A fresh directory per test; what the test body made leaves no descriptor or thread behind.
+template <class Base = ::testing::Test>
+class Fixture : public Base {
+protected:
+    void TearDown() override { resources.check(); }
+    static double secondsSince(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+    static int errorCodeNow(webChannel& channel) { return __atomic_load_n(&channel.m_errorCode, __ATOMIC_SEQ_CST); }
+    static void init(webChannel& channel, unsigned workers, const char* timeout = "2") {
+        ASSERT_EQ(channel.init(workers), 0);
+        channel.setParam(kParamTimeout, timeout, true);
+    }
+    // Adds a job into dir + name and expects `result`.
+    void job(VRAXSecureWebChannel& channel, const std::string& url, const std::string& name, long long size,
+             const std::string& digest = "", const char* algorithm = nullptr, int result = 0) {
+        ASSERT_EQ(
+            channel.addJob(url.c_str(), (dir + name).c_str(), size, algorithm ? digest.c_str() : nullptr, algorithm),
+            result)
+            << url;
+    }
+    void add(webChannel& channel, const std::string& url, const std::string& name, uint64_t seed, uint64_t size) {
+        job(channel, url, name, (long long)size, generatedDigest(seed, size), "md5");
+    }
+    ResourceCheck resources;
+    const std::string dir = testsupport::tempDir();
+};
 
 }  // namespace batchtest
 

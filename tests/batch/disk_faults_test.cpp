@@ -1,277 +1,133 @@
-// Disk faults: targets that cannot be written because of permissions, and a
-// file system that fills up in the middle of a batch. The channel answers
-// -3054 for them, keeps its other workers going, and hands out no partial
-// file.
-//
-// The tests run as root, for whom permissions do not bite. The permission
-// test therefore switches the file-system identity of the test's thread to
-// "nobody" (setfsuid/setfsgid act on the calling thread only, and the
-// channel's workers, started from it, inherit it). The full file system is
-// a 1 MiB tmpfs mounted in a private mount namespace of the test's thread;
-// where that is not permitted the test is skipped and says why.
+// Disk faults give -3054 for their own jobs only, and no partial file is handed out. Permissions do not
+// bite root: the test's thread (and the workers it starts) opens files as nobody (setfsuid). The full file
+// system is a tmpfs in a mount namespace private to the test's thread. Where not permitted, tests skip.
 #include <errno.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/fsuid.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "batch/fault_helpers.h"
-#include "channel/webChannel.h"
-#include "support/peers.h"
-#include "support/script_server.h"
+#include "batch/batch_helpers.h"
 
 namespace {
 
-using faulttest::expectFirstFailure;
-using faulttest::fileHoldsGenerated;
-using faulttest::generatedDigest;
-using faulttest::handedOut;
-using faulttest::noteFaults;
-using faulttest::noteVerified;
-using faulttest::requestPath;
-using faulttest::ResourceCheck;
-using faulttest::serveGenerated;
-using testsupport::ScriptServer;
-using testsupport::ServerConnection;
-
-constexpr uid_t kNobody = 65534;
-constexpr gid_t kNogroup = 65534;
+using namespace batchtest;
 
 bool exists(const std::string& path) {
     struct stat info;
     return stat(path.c_str(), &info) == 0;
 }
 
-long long sizeOf(const std::string& path) {
-    struct stat info;
-    return stat(path.c_str(), &info) == 0 ? (long long)info.st_size : -1;
-}
-
-// Serves generated content: "/<seed>/<size>".
-ScriptServer::Handler generatedFiles() {
-    return [](ServerConnection& c) {
-        for (int i = 0; i < 1000; ++i) {
-            std::string request = c.readRequest();
-            if (request.empty()) return;
+// Serves content "/<seed>/<size>" from threads made before any identity or
+// namespace switch.
+class DiskFaults : public Fixture<> {
+protected:
+    void TearDown() override {
+        server.reset();
+        Fixture::TearDown();
+    }
+    std::string url(uint64_t seed, uint64_t size) {
+        return server->url("/" + std::to_string(seed) + "/" + std::to_string(size));
+    }
+    void add(webChannel& channel, const std::string& name, uint64_t seed, uint64_t size, int result = 0) {
+        job(channel, url(seed, size), name, (long long)size, generatedDigest(seed, size), "md5", result);
+    }
+    std::unique_ptr<ScriptServer> server = std::make_unique<ScriptServer>([](ServerConnection& c) {
+        for (std::string request; !(request = c.readRequest()).empty();) {
             unsigned long long seed = 0, size = 0;
-            if (sscanf(requestPath(request).c_str(), "/%llu/%llu", &seed, &size) != 2) {
-                c.send(testsupport::httpResponse(404, ""));
-                continue;
-            }
+            sscanf(requestPath(request).c_str(), "/%llu/%llu", &seed, &size);
             if (!serveGenerated(c, request, seed, size)) return;
         }
-    };
-}
-
-std::string generatedUrl(const ScriptServer& server, uint64_t seed, uint64_t size) {
-    return server.url("/" + std::to_string(seed) + "/" + std::to_string(size));
-}
-
-int addGenerated(webChannel& channel, const ScriptServer& server, const std::string& file, uint64_t seed,
-                 uint64_t size) {
-    return channel.addJob(generatedUrl(server, seed, size).c_str(), file.c_str(), (long long)size,
-                          generatedDigest(seed, size, "md5").c_str(), "md5");
-}
-
-// While it lives, files are opened as nobody by this thread and by the
-// threads it starts.
-class NobodyFiles {
-public:
-    NobodyFiles() {
-        setfsgid(kNogroup);
-        setfsuid(kNobody);
-        m_active = setfsuid((uid_t)-1) == kNobody && setfsgid((gid_t)-1) == kNogroup;
-    }
-    ~NobodyFiles() {
-        setfsuid(0);
-        setfsgid(0);
-    }
-    bool active() const { return m_active; }
-
-private:
-    bool m_active = false;
+    });
 };
 
-// Can the current file-system identity create a file in `dir`?
-bool canCreateIn(const std::string& dir) {
-    const std::string probe = dir + "/.probe";
-    int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
-    ::close(fd);
-    ::unlink(probe.c_str());
-    return true;
+TEST_F(DiskFaults, TargetsThatCannotBeWrittenFailOnlyTheirOwnJobs) {
+    ASSERT_EQ(chmod(dir.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((dir + "/read-only").c_str(), 0555), 0);  // root's
+    ASSERT_EQ(mkdir((dir + "/writable").c_str(), 0755), 0);
+    ASSERT_EQ(chown((dir + "/writable").c_str(), 65534, 65534), 0);  // nobody's
+    webChannel channel;
+    init(channel, 3, "5");
+    struct Nobody {
+        Nobody() { setfsgid(65534), setfsuid(65534); }
+        ~Nobody() { setfsuid(0), setfsgid(0); }
+    } nobody;
+    if (setfsuid(-1) != 65534 || setfsgid(-1) != 65534) GTEST_SKIP() << "cannot switch the file-system identity";
+    const int probe = ::open((dir + "/read-only/probe").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (probe >= 0) ::close(probe);
+    if (probe >= 0) GTEST_SKIP() << "file permissions do not apply to the switched identity here";
+
+    // 0: in a directory nobody may not write: addJob says so, and the job,
+    //    listed all the same, fails in the batch. 1: created by addJob, then
+    //    made read-only. 2: writable.
+    add(channel, "/read-only/a", 1, 200000, kFileWrite);
+    add(channel, "/writable/b", 2, 200000);
+    ASSERT_EQ(chmod((dir + "/writable/b").c_str(), 0444), 0);
+    add(channel, "/writable/c", 3, 200000);
+    EXPECT_EQ(channel.httpMultiGet(true), 2);
+    EXPECT_EQ(channel.getErrorCode(nullptr, 0), kFileWrite);
+    for (int t = 0; t < 3; ++t) EXPECT_EQ(channel.m_batch[t]->error, t < 2 ? kFileWrite : 0) << t;
+    EXPECT_EQ(handedOut(channel), (std::vector<int>{2}));
+    EXPECT_FALSE(exists(dir + "/read-only/a"));
+    EXPECT_EQ(testsupport::readFile(dir + "/writable/b"), "");
+    EXPECT_TRUE(fileHoldsGenerated(dir + "/writable/c", 3, 200000));
+    // A single GET into a directory it may not write.
+    EXPECT_EQ(channel.httpGet(url(5, 1000).c_str(), (dir + "/read-only/single").c_str()), kFileWrite);
+    EXPECT_FALSE(exists(dir + "/read-only/single"));
+    channel.close();
 }
 
-TEST(DiskFaults, TargetsThatCannotBeWrittenFailWithTheirOwnJobsOnly) {
-    ResourceCheck resources;
-    const std::string base = testsupport::tempDir();
-    ASSERT_EQ(chmod(base.c_str(), 0755), 0);
-    const std::string readOnly = base + "/read-only";   // root's, not writable by others
-    const std::string writable = base + "/writable";    // nobody's
-    const std::string closing = base + "/closing";      // nobody's, made read-only after addJob
-    ASSERT_EQ(mkdir(readOnly.c_str(), 0555), 0);
-    for (const std::string& dir : {writable, closing}) {
-        ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
-        ASSERT_EQ(chown(dir.c_str(), kNobody, kNogroup), 0);
-    }
-    {
-        ScriptServer server(generatedFiles());
-        webChannel channel;
-        ASSERT_EQ(channel.init(4), 0);
-        channel.setParam(kParamTimeout, "5", true);
-        NobodyFiles nobody;
-        if (!nobody.active()) GTEST_SKIP() << "cannot switch the file-system identity to nobody";
-        if (canCreateIn(readOnly) || !canCreateIn(writable))
-            GTEST_SKIP() << "file permissions do not apply to the switched identity here";
-
-        // 0: a target in a directory nobody may not write: addJob says so,
-        //    and the job, listed all the same, fails in the batch.
-        EXPECT_EQ(addGenerated(channel, server, readOnly + "/a", 1, 200000), kFileWrite);
-        // 1: created by addJob, then made read-only.
-        ASSERT_EQ(addGenerated(channel, server, writable + "/b", 2, 200000), 0);
-        ASSERT_EQ(chmod((writable + "/b").c_str(), 0444), 0);
-        // 2: created by addJob, then deleted and its directory made read-only.
-        ASSERT_EQ(addGenerated(channel, server, closing + "/c", 3, 200000), 0);
-        ASSERT_EQ(unlink((closing + "/c").c_str()), 0);
-        ASSERT_EQ(chmod(closing.c_str(), 0555), 0);
-        // 3: a file that can be written.
-        ASSERT_EQ(addGenerated(channel, server, writable + "/d", 4, 200000), 0);
-
-        EXPECT_EQ(channel.httpMultiGet(true), 3);
-        EXPECT_EQ(channel.getErrorCode(nullptr, 0), kFileWrite);
-        std::string context, message;
-        channel.getError(context, message);
-        EXPECT_TRUE(context == readOnly + "/a" || context == writable + "/b" || context == closing + "/c") << context;
-        int failed = 0;
-        for (webChannel::threadData* record : channel.m_batch) {
-            if (record->error == 0) continue;
-            EXPECT_EQ(record->error, kFileWrite);
-            ++failed;
-        }
-        EXPECT_EQ(failed, 3);
-        EXPECT_EQ(handedOut(channel), (std::vector<int>{3}));
-        EXPECT_FALSE(exists(readOnly + "/a"));
-        EXPECT_EQ(sizeOf(writable + "/b"), 0);
-        EXPECT_FALSE(exists(closing + "/c"));
-        EXPECT_TRUE(fileHoldsGenerated(writable + "/d", 4, 200000));
-        noteVerified(200000);
-        noteFaults(3);
-
-        // A single GET into a directory it may not write.
-        EXPECT_EQ(channel.httpGet(generatedUrl(server, 5, 1000).c_str(), (readOnly + "/single").c_str()),
-                  kFileWrite);
-        EXPECT_EQ(channel.getErrorCode(nullptr, 0), kFileWrite);
-        EXPECT_FALSE(exists(readOnly + "/single"));
-        noteFaults(1);
-        channel.close();
-    }
-    resources.check();
-}
-
-// A tmpfs of 1 MiB, mounted in a mount namespace private to this thread
-// (and the threads it starts) for as long as it lives.
-class SmallFileSystem {
-public:
-    explicit SmallFileSystem(const std::string& where) : m_where(where) {
-        m_original = ::open("/proc/thread-self/ns/mnt", O_RDONLY | O_CLOEXEC);
-        if (m_original < 0) {
-            m_why = std::string("cannot open the mount namespace: ") + strerror(errno);
-            return;
-        }
-        if (unshare(CLONE_NEWNS) != 0) {
-            m_why = std::string("unshare(CLONE_NEWNS): ") + strerror(errno);
-            return;
-        }
-        m_unshared = true;
-        // Nothing mounted here may propagate to the namespace the rest of
-        // the machine sees.
-        if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            m_why = std::string("making / private: ") + strerror(errno);
-            return;
-        }
-        if (mount("tmpfs", m_where.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "size=1m,mode=0755") != 0) {
-            m_why = std::string("mount -t tmpfs -o size=1m: ") + strerror(errno);
-            return;
-        }
-        m_mounted = true;
+// A 1 MiB tmpfs, mounted in a mount namespace private to this thread (and
+// the threads it starts) for as long as it lives.
+struct SmallFileSystem {
+    explicit SmallFileSystem(const std::string& where) : where(where) {
+        unshared = original >= 0 && unshare(CLONE_NEWNS) == 0;
+        // Nothing mounted here may reach the namespace the rest of the machine sees.
+        mounted = unshared && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                  mount("tmpfs", where.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "size=1m") == 0;
+        if (!mounted) why = strerror(errno);
     }
     ~SmallFileSystem() {
-        if (m_mounted && umount2(m_where.c_str(), MNT_DETACH) != 0)
-            ADD_FAILURE() << "cannot unmount " << m_where << ": " << strerror(errno);
-        if (m_unshared) {
-            // Workers that shared this thread's file-system context may
-            // still be on their way out right after being joined; setns
-            // refuses (EINVAL) until they are gone.
-            int result = -1;
-            for (int i = 0; i < 2000 && (result = setns(m_original, CLONE_NEWNS)) != 0 && errno == EINVAL; ++i)
-                std::this_thread::yield();
-            if (result != 0) ADD_FAILURE() << "cannot return to the original mount namespace: " << strerror(errno);
-        }
-        if (m_original >= 0) ::close(m_original);
+        if (mounted && umount2(where.c_str(), MNT_DETACH) != 0) ADD_FAILURE() << "cannot unmount " << where;
+        // Workers that shared this thread's file-system context may still be
+        // on their way out after being joined; setns refuses (EINVAL) until then.
+        int result = 0;
+        for (int i = 0; unshared && i < 2000 && (result = setns(original, CLONE_NEWNS)) != 0 && errno == EINVAL; ++i)
+            std::this_thread::yield();
+        if (result != 0) ADD_FAILURE() << "cannot return to the original mount namespace: " << strerror(errno);
+        if (original >= 0) ::close(original);
     }
-    SmallFileSystem(const SmallFileSystem&) = delete;
-    SmallFileSystem& operator=(const SmallFileSystem&) = delete;
-
-    bool mounted() const { return m_mounted; }
-    const std::string& why() const { return m_why; }
-
-private:
-    std::string m_where;
-    std::string m_why;
-    int m_original = -1;
-    bool m_unshared = false;
-    bool m_mounted = false;
+    const std::string where;
+    const int original = ::open("/proc/thread-self/ns/mnt", O_RDONLY | O_CLOEXEC);
+    std::string why;
+    bool unshared = false, mounted = false;
 };
 
-TEST(DiskFaults, AFileSystemThatFillsUpFailsTheLargeFileAndHandsOutNoPartOfIt) {
-    ResourceCheck resources;
-    const std::string base = testsupport::tempDir();
-    const std::string small = base + "/small";
-    ASSERT_EQ(mkdir(small.c_str(), 0755), 0);
+TEST_F(DiskFaults, AFileSystemThatFillsUpFailsTheLargeFileAndHandsOutNoPartOfIt) {
+    ASSERT_EQ(mkdir((dir + "/small").c_str(), 0755), 0);
     {
-        ScriptServer server(generatedFiles());  // before the namespace: its threads keep the usual one
-        {
-            SmallFileSystem full(small);
-            if (!full.mounted()) GTEST_SKIP() << "no tmpfs can be mounted here (" << full.why() << ")";
-            webChannel channel;
-            ASSERT_EQ(channel.init(4), 0);
-            channel.setParam(kParamTimeout, "5", true);
-            // 0: a small file beside the full file system, 1: 4 MiB into 1 MiB.
-            ASSERT_EQ(addGenerated(channel, server, base + "/beside", 11, 100000), 0);
-            ASSERT_EQ(addGenerated(channel, server, small + "/large", 12, 4 << 20), 0);
-            EXPECT_EQ(channel.httpMultiGet(false), 1);
-            expectFirstFailure(channel, kFileWrite, small + "/large");
-            EXPECT_EQ(handedOut(channel), (std::vector<int>{0}));
-            EXPECT_TRUE(fileHoldsGenerated(base + "/beside", 11, 100000));
-            noteVerified(100000);
-            // The pieces that found room were written; the file is not whole.
-            EXPECT_FALSE(fileHoldsGenerated(small + "/large", 12, 4 << 20));
-
-            // The next batch runs into the same wall, and still hands out nothing.
-            EXPECT_EQ(channel.httpMultiGet(true), 1);
-            EXPECT_EQ(channel.getErrorCode(nullptr, 0), kFileWrite);
-            EXPECT_EQ(handedOut(channel), std::vector<int>{});
-
-            // A single GET into the full file system.
-            EXPECT_EQ(channel.httpGet(generatedUrl(server, 13, 2 << 20).c_str(), (small + "/single").c_str()),
-                      kFileWrite);
-            EXPECT_EQ(channel.getErrorCode(nullptr, 0), kFileWrite);
-            channel.close();
-            noteFaults(3);
-        }
-        // Unmounted: the directory is empty again.
-        EXPECT_FALSE(exists(small + "/large"));
+        SmallFileSystem full(dir + "/small");
+        if (!full.mounted) GTEST_SKIP() << "no tmpfs can be mounted here (" << full.why << ")";
+        webChannel channel;
+        init(channel, 4, "5");
+        add(channel, "/beside", 11, 100000);        // 0: beside the full file system
+        add(channel, "/small/large", 12, 4 << 20);  // 1: 4 MiB into 1 MiB
+        EXPECT_EQ(channel.httpMultiGet(false), 1);
+        expectFirstFailure(channel, kFileWrite, dir + "/small/large");
+        EXPECT_EQ(handedOut(channel), (std::vector<int>{0}));
+        EXPECT_TRUE(fileHoldsGenerated(dir + "/beside", 11, 100000));
+        EXPECT_FALSE(fileHoldsGenerated(dir + "/small/large", 12, 4 << 20));
+        // The next batch runs into the same wall, and still hands out nothing.
+        EXPECT_EQ(channel.httpMultiGet(true), 1);
+        EXPECT_EQ(channel.getErrorCode(nullptr, 0), kFileWrite);
+        EXPECT_EQ(handedOut(channel), std::vector<int>{});
+        // A single GET into the full file system.
+        EXPECT_EQ(channel.httpGet(url(13, 2 << 20).c_str(), (dir + "/small/single").c_str()), kFileWrite);
+        channel.close();
     }
-    resources.check();
+    EXPECT_FALSE(exists(dir + "/small/large"));  // unmounted: the directory is empty again
 }
 
 }  // namespace

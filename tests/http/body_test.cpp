@@ -1,56 +1,48 @@
-// Body transfer: plain bytes and chunked decoding across read boundaries.
-#include <gtest/gtest.h>
+// Body transfer: plain bytes, and the chunked decoder fed the way the segment
+// download feeds it, across every read boundary; the chunk-size scan.
+#include "http/body.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <memory>
-#include <random>
-#include <string>
+
+#include "channel/webChannel.h"
 
 using namespace std::string_literals;
 
-#include "channel/webChannel.h"
-#include "http/body.h"
-
 namespace {
 
-// A temporary target file and a receive buffer the size of a worker's slice.
+// A temporary target and a receive buffer the size of a worker's slice.
 class Body : public ::testing::Test {
 protected:
-    void SetUp() override {
-        file = tmpfile();
-        ASSERT_NE(file, nullptr);
-        buffer.reset(new char[kBufferSlice]);
-    }
+    void SetUp() override { ASSERT_NE(file, nullptr); }
     void TearDown() override {
         if (file != nullptr) fclose(file);
     }
     std::string written() {
         fflush(file);
-        long length = ftell(file);
-        std::string text((size_t)length, '\0');
+        std::string text((size_t)ftell(file), '\0');
         rewind(file);
-        if (length > 0) EXPECT_EQ(fread(&text[0], 1, (size_t)length, file), (size_t)length);
+        EXPECT_EQ(fread(&text[0], 1, text.size(), file), text.size());
         return text;
     }
-
-    // Feeds `wire` (head already removed) to the decoder the way the segment
-    // download does: the first read is cut at `cuts[0]`, later reads at the
-    // following cuts, each appended behind what the decoder carried.
-    int decode(const std::string& wire, const std::vector<size_t>& cuts, long long& remaining) {
+    // Decodes `wire` (the head already taken) onto an empty target: the
+    // reads end at the cuts, each placed behind what the decoder carried.
+    int decode(const std::string& wire, std::vector<size_t> cuts = {}) {
+        rewind(file);
+        EXPECT_EQ(ftruncate(fileno(file), 0), 0);
+        job.downloaded = 0;
         remaining = 1;  // a size line is expected first
         size_t position = 0;
         long long offset = 0;
         int result = kOk;
-        std::vector<size_t> ends(cuts);
-        ends.push_back(wire.size());
-        for (size_t end : ends) {
+        cuts.push_back(wire.size());
+        for (size_t end : cuts) {
             if (end < position) continue;
-            size_t count = end - position;
-            if ((long long)count > kMaxRead - offset) return -99;  // would not fit: a test bug
-            memcpy(buffer.get() + offset, wire.data() + position, count);
-            long long length = offset + (long long)count;
+            if ((long long)(end - position) > kMaxRead - offset) return -99;  // would not fit: a test bug
+            memcpy(buffer.get() + offset, wire.data() + position, end - position);
+            const long long length = offset + (long long)(end - position);
             buffer[length] = 0;
             offset = 0;
             position = end;
@@ -62,23 +54,15 @@ protected:
 
     webChannel channel;
     webChannel::httpGetJob job;
-    FILE* file = nullptr;
-    std::unique_ptr<char[]> buffer;
+    FILE* file = tmpfile();
+    std::unique_ptr<char[]> buffer{new char[kBufferSlice]};
+    long long remaining = 0;
 };
 
-std::string chunkedWire(const std::vector<std::string>& chunks, const std::string& lastLine = "0\r\n\r\n") {
-    std::string wire;
-    char size[32];
-    for (const std::string& chunk : chunks) {
-        snprintf(size, sizeof(size), "%zx\r\n", chunk.size());
-        wire += size + chunk + "\r\n";
-    }
-    return wire + lastLine;
-}
-
-TEST_F(Body, PlainModeWritesFromOffsetAndCounts) {
+TEST_F(Body, PlainModeWritesFromTheOffsetAndCounts) {
     memcpy(buffer.get(), "HEADbody", 8);
-    long long offset = 4, remaining = 10;
+    long long offset = 4;
+    remaining = 10;
     EXPECT_EQ(channel.dump(file, buffer.get(), 8, offset, remaining, 0, &job), kOk);
     EXPECT_EQ(written(), "body");
     EXPECT_EQ(offset, 0);
@@ -86,53 +70,36 @@ TEST_F(Body, PlainModeWritesFromOffsetAndCounts) {
     EXPECT_EQ(job.downloaded, 4);
 }
 
-TEST_F(Body, OneBufferWithAChunkAndTheLastChunk) {
-    long long remaining = 0;
-    EXPECT_EQ(decode("5\r\nhello\r\n0\r\n\r\n", {}, remaining), kOk);
-    EXPECT_EQ(written(), "hello");
-    EXPECT_EQ(remaining, 0);
-    EXPECT_EQ(job.downloaded, 5);
-}
-
-TEST_F(Body, ExtensionAfterTheSizeIsSkipped) {
-    long long remaining = 0;
-    EXPECT_EQ(decode("5;name=value\r\nhello\r\n0\r\n\r\n", {}, remaining), kOk);
-    EXPECT_EQ(written(), "hello");
-}
-
-TEST_F(Body, IncompleteChunkAtTheStartIsCarriedWhole) {
-    memcpy(buffer.get(), "5\r\nhel", 6);
-    long long offset = 0, remaining = 0;
-    EXPECT_EQ(channel.dump(file, buffer.get(), 6, offset, remaining, kChunked, &job), kOk);
-    EXPECT_EQ(offset, 6);
-    EXPECT_EQ(remaining, 1);
-    EXPECT_EQ(written(), "");
-}
-
-TEST_F(Body, MalformedFramingAndSizes) {
-    long long remaining = 0;
-    EXPECT_EQ(decode("A\r\n0123456789XY3\r\nabc\r\n0\r\n\r\n", {}, remaining), kMalformedResponse);
-    EXPECT_EQ(decode("zz\r\n", {}, remaining), kMalformedResponse);
-    EXPECT_EQ(decode("12345678901234567\r\n", {}, remaining), kBadChunkSize);
-    EXPECT_EQ(decode("7ffffffffffffffd\r\n", {}, remaining), kBadChunkSize);
-    EXPECT_EQ(decode("-5\r\nabcde\r\n", {}, remaining), kBadChunkSize);
-    EXPECT_EQ(decode("5\r\nab\0de\r\n0\r\n\r\n"s, {}, remaining), kOk);  // data may hold NUL bytes
+TEST_F(Body, FramingIsDecodedOrRefusedWithTheExactCode) {
+    const std::vector<std::tuple<std::string, std::vector<size_t>, int, std::string>> cases = {
+        {"5\r\nhello\r\n0\r\n\r\n", {}, kOk, "hello"},
+        {"5;name=value\r\nhello\r\n0\r\n\r\n", {}, kOk, "hello"},  // an extension is skipped
+        {"5\r\nab\0de\r\n0\r\n\r\n"s, {}, kOk, "ab\0de"s},         // data may hold NUL bytes
+        {"A\r\n0123456789XY3\r\nabc\r\n0\r\n\r\n", {}, kMalformedResponse, ""},
+        {"5\r\nhelloX\r\n0\r\n\r\n", {8}, kMalformedResponse, ""},  // also across reads
+        {"zz\r\n", {}, kMalformedResponse, ""},
+        {"12345678901234567\r\n", {}, kBadChunkSize, ""},
+        {"7ffffffffffffffd\r\n", {}, kBadChunkSize, ""},
+        {"-5\r\nabcde\r\n", {}, kBadChunkSize, ""},
+    };
+    for (const auto& [wire, cuts, result, body] : cases) {
+        EXPECT_EQ(decode(wire, cuts), result) << wire;
+        if (result != kOk) continue;
+        EXPECT_EQ(written(), body);
+        EXPECT_EQ(remaining, 0);
+        EXPECT_EQ(job.downloaded, (long long)body.size());
+    }
 }
 
 TEST_F(Body, EveryReadBoundaryGivesTheSameBytesExactlyOnce) {
     // Chunks ending exactly at a read, size lines cut anywhere, a read that
-    // ends right after the head: every single cut and every pair of cuts.
-    std::string expected;
-    std::vector<std::string> chunks = {"a", "bc", std::string(17, 'd'), "efgh", std::string(300, 'x')};
-    for (const auto& chunk : chunks) expected += chunk;
-    std::string wire = chunkedWire(chunks, "0;end\r\nTrailer: t\r\n\r\n");
+    // ends right after the head: every single cut and every seventh pair.
+    const std::string expected = "abc" + std::string(17, 'd') + "efgh" + std::string(300, 'x');
+    const std::string wire = "1\r\na\r\n2\r\nbc\r\n11\r\n" + std::string(17, 'd') + "\r\n4\r\nefgh\r\n12c\r\n" +
+                             std::string(300, 'x') + "\r\n0;end\r\nTrailer: t\r\n\r\n";
     for (size_t first = 0; first <= wire.size(); ++first) {
         for (size_t second = first; second <= wire.size(); second += 7) {
-            ASSERT_EQ(fseek(file, 0, SEEK_SET), 0);
-            ASSERT_EQ(ftruncate(fileno(file), 0), 0);
-            job.downloaded = 0;
-            long long remaining = 0;
-            ASSERT_EQ(decode(wire, {first, second}, remaining), kOk) << first << "," << second;
+            ASSERT_EQ(decode(wire, {first, second}), kOk) << first << "," << second;
             ASSERT_EQ(remaining, 0) << first << "," << second;
             ASSERT_EQ(written(), expected) << first << "," << second;
             ASSERT_EQ(job.downloaded, (long long)expected.size());
@@ -140,36 +107,27 @@ TEST_F(Body, EveryReadBoundaryGivesTheSameBytesExactlyOnce) {
     }
 }
 
-TEST_F(Body, ChunksLargerThanTheBufferStreamWithoutOverflow) {
-    // 1.5 MiB in one chunk, then a small one, read in slices of 100 KiB.
-    std::string big(3 * kBufferSlice, '\0');
-    std::mt19937 random(7);
-    for (char& c : big) c = (char)(random() & 0xff);
-    std::string wire = chunkedWire({big, "tail"});
-    std::vector<size_t> cuts;
-    for (size_t cut = 100000; cut < wire.size(); cut += 100000) cuts.push_back(cut);
-    long long remaining = 0;
-    ASSERT_EQ(decode(wire, cuts, remaining), kOk);
-    EXPECT_EQ(remaining, 0);
-    EXPECT_TRUE(written() == big + "tail");
-}
-
-TEST(ChunkSize, ScansLikeStrtolWithinTheBuffer) {
-    auto scan = [](const std::string& text) { return scanChunkSize(text.data(), text.size()); };
-    EXPECT_EQ(scan("1a\r\n").size, 26);
-    EXPECT_EQ(scan("1a\r\n").end, 2u);
-    EXPECT_EQ(scan("0x10\r\n").size, 16);
-    EXPECT_EQ(scan("\r\n 5\r\n").size, 5);
-    EXPECT_EQ(scan("1a").status, ChunkSize::kIncomplete);
-    EXPECT_EQ(scan("0").status, ChunkSize::kIncomplete);
-    EXPECT_EQ(scan("0x").status, ChunkSize::kIncomplete);
-    EXPECT_EQ(scan("  ").status, ChunkSize::kIncomplete);
-    EXPECT_EQ(scan("0\r").status, ChunkSize::kComplete);
-    EXPECT_EQ(scan("0\r").size, 0);
-    EXPECT_EQ(scan("g\r").status, ChunkSize::kComplete);
-    EXPECT_EQ(scan("g\r").end, 0u);
-    EXPECT_EQ(scan("ffffffffffffffff\r").status, ChunkSize::kOutOfRange);
-    EXPECT_EQ(scan("7ffffffffffffffc\r").size, 0x7ffffffffffffffcLL);
+TEST(ChunkSize, ScansAsStrtolDoesWithinTheBuffer) {
+    const std::vector<std::tuple<std::string, ChunkSize::Status, long long, size_t>> cases = {
+        {"1a\r\n", ChunkSize::kComplete, 26, 2},
+        {"0x10\r\n", ChunkSize::kComplete, 16, 4},
+        {"\r\n 5\r\n", ChunkSize::kComplete, 5, 4},
+        {"0\r", ChunkSize::kComplete, 0, 1},
+        {"g\r", ChunkSize::kComplete, 0, 0},  // no digits: nothing taken
+        {"7ffffffffffffffc\r", ChunkSize::kComplete, 0x7ffffffffffffffcLL, 16},
+        {"ffffffffffffffff\r", ChunkSize::kOutOfRange, 0, 0},
+        {"1a", ChunkSize::kIncomplete, 0, 0},  // a following byte could still change the number
+        {"0", ChunkSize::kIncomplete, 0, 0},
+        {"0x", ChunkSize::kIncomplete, 0, 0},
+        {"  ", ChunkSize::kIncomplete, 0, 0},
+    };
+    for (const auto& [text, status, size, end] : cases) {
+        const ChunkSize scan = scanChunkSize(text.data(), text.size());
+        EXPECT_EQ(scan.status, status) << text;
+        if (status != ChunkSize::kComplete) continue;
+        EXPECT_EQ(scan.size, size) << text;
+        EXPECT_EQ(scan.end, end) << text;
+    }
 }
 
 }  // namespace
