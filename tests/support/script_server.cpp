@@ -21,6 +21,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <system_error>
+#include <vector>
 
 namespace testsupport {
 
@@ -341,6 +342,7 @@ bool ServerConnection::sendPieces(std::string_view bytes, const std::vector<size
 
 void ServerConnection::reset() {
     if (fd_ < 0) return;
+    tally("resets");
     linger l{1, 0};
     ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &l, sizeof l);
     std::lock_guard<std::mutex> lock(shared_->fdMutex);
@@ -380,6 +382,7 @@ void ServerConnection::close() {
 }
 
 bool ServerConnection::stall(int maxSeconds) {
+    tally("stalls");
     const long long deadline = nowMillis() + 1000LL * maxSeconds;
     for (;;) {
         if (fd_ < 0 || shared_->stopping.load()) return false;
@@ -469,6 +472,23 @@ ScriptServer::~ScriptServer() {
     reapFinished(true);
 }
 
+void tally(const char* what, uint64_t amount) {
+    struct Tally {
+        std::mutex mutex;
+        std::vector<std::pair<std::string, uint64_t>> counts;
+        ~Tally() {
+            std::string line;
+            for (const auto& [name, count] : counts) line += " " + std::to_string(count) + " " + name + ",";
+            if (!line.empty()) std::fprintf(stderr, "tally:%s\n", line.substr(0, line.size() - 1).c_str());
+        }
+    };
+    static Tally tally;
+    std::lock_guard<std::mutex> lock(tally.mutex);
+    auto it = std::find_if(tally.counts.begin(), tally.counts.end(), [&](const auto& c) { return c.first == what; });
+    if (it == tally.counts.end()) it = tally.counts.insert(tally.counts.end(), {what, 0});
+    it->second += amount;
+}
+
 std::string ScriptServer::url(const std::string& path) const {
     return "http://127.0.0.1:" + std::to_string(port_) + path;
 }
@@ -515,6 +535,7 @@ void ScriptServer::acceptLoop() {
         // Counted before the handler runs, so that a test reading
         // connections() after the handler's answer always sees it.
         worker->connection.reset(new ServerConnection(fd, accepted_.fetch_add(1), shared_));
+        tally("connections");
         Worker* w = worker.get();
         try {
             w->thread = std::thread([this, w] {

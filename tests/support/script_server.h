@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
@@ -100,6 +101,12 @@ private:
     std::string buffer_;  // received, not yet returned
     std::shared_ptr<detail::ServerShared> shared_;
 };
+
+// What the scripted servers and the content checks did in this process:
+// connections served, resets, stalls and bytes verified. Printed to standard
+// error at exit ("tally: ...") when anything was counted, as the record of a
+// fault run.
+void tally(const char* what, uint64_t amount = 1);
 
 class ScriptServer {
 public:
