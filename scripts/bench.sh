@@ -59,6 +59,8 @@ die() {
   log "error: $*"
   exit 1
 }
+# shellcheck source=scripts/lib/loopback.sh
+source "$root/scripts/lib/loopback.sh"
 
 # ---------------------------------------------------------------------------
 # Options
@@ -196,11 +198,6 @@ GIB=$((1024 * 1024 * 1024))
 MIB=$((1024 * 1024))
 DATA_VERSION="v1 big=1G,256M medium=64x16M small=4096x16K"
 
-prng() { # <bytes> <iv-number>: AES-128-CTR of zeros under a fixed key
-  head -c "$1" /dev/zero |
-    openssl enc -aes-128-ctr -K 00112233445566778899aabbccddeeff -iv "$(printf '%032x' "$2")"
-}
-
 # All source files with their sizes, in digest-list order.
 all_sources() {
   local i
@@ -266,57 +263,9 @@ set_title() { # <set>
 
 cert="$B/cert.pem"
 key="$B/key.pem"
-if ! [[ -s $cert && -s $key ]] || ! openssl x509 -in "$cert" -noout -checkend 86400 >/dev/null 2>&1; then
-  log "creating a self-signed certificate"
-  openssl req -x509 -newkey rsa:2048 -nodes -sha256 -days 3650 \
-    -subj /CN=localhost -addext "subjectAltName=DNS:localhost,IP:127.0.0.1" \
-    -keyout "$key.tmp" -out "$cert.tmp" >"$B/openssl.log" 2>&1 || die "openssl could not create the certificate"
-  chmod 600 "$key.tmp"
-  mv -f "$key.tmp" "$key"
-  mv -f "$cert.tmp" "$cert"
-fi
+make_cert "$cert" "$key" DNS:localhost,IP:127.0.0.1 "$B/openssl.log" || die "openssl could not create the certificate"
 
-used_ports() {
-  local f _ local_addr
-  for f in /proc/net/tcp /proc/net/tcp6; do
-    [[ -r $f ]] || continue
-    while read -r _ local_addr _; do
-      [[ $local_addr == *:* ]] && echo $((16#${local_addr##*:}))
-    done < <(tail -n +2 "$f")
-  done
-}
-taken=" 443 "
-free_port() { # <variable>: a free port below the ephemeral range, never 443
-  local used p i
-  used=" $(used_ports | sort -un | tr '\n' ' ') "
-  p=$((32000 - (RANDOM * 13 + $$) % 12000))
-  for ((i = 0; i < 12000; i++)); do
-    if [[ $used != *" $p "* && $taken != *" $p "* ]]; then
-      taken+="$p "
-      printf -v "$1" '%s' "$p"
-      return 0
-    fi
-    p=$((p - 1))
-    ((p >= 20000)) || p=31999
-  done
-  return 1
-}
-
-nginx_pid=""
 iperf_pid=""
-stop_pid() { # <pid>: TERM, wait up to 10 s, then KILL its process group
-  local pid=$1 i
-  [[ -n $pid ]] || return 0
-  if kill -0 "$pid" 2>/dev/null; then
-    kill -TERM "$pid" 2>/dev/null || true
-    for ((i = 0; i < 100; i++)); do
-      kill -0 "$pid" 2>/dev/null || break
-      sleep 0.1
-    done
-  fi
-  kill -KILL -- "-$pid" 2>/dev/null || true
-  wait "$pid" 2>/dev/null || true
-}
 cleanup() {
   stop_pid "$iperf_pid"
   iperf_pid=""
@@ -330,60 +279,11 @@ trap 'exit 143' TERM
 
 free_port HTTP_PORT || die "no free port for HTTP"
 free_port HTTPS_PORT || die "no free port for HTTPS"
-user_line=""
-[[ $(id -u) -eq 0 ]] && user_line="user root;"
-cat >"$nd/nginx.conf" <<EOF
-$user_line
-daemon off;
-master_process on;
-worker_processes auto;
-pid $nd/nginx.pid;
-error_log $nd/error.log warn;
-events {
-  worker_connections 1024;
-}
-http {
-  default_type application/octet-stream;
-  access_log off;
-  client_body_temp_path $nd/tmp/body;
-  proxy_temp_path $nd/tmp/proxy;
-  fastcgi_temp_path $nd/tmp/fastcgi;
-  uwsgi_temp_path $nd/tmp/uwsgi;
-  scgi_temp_path $nd/tmp/scgi;
-  sendfile on;
-  tcp_nopush on;
-  keepalive_requests 100000;
-  keepalive_timeout 65s;
-  server {
-    listen 127.0.0.1:$HTTP_PORT;
-    listen 127.0.0.1:$HTTPS_PORT ssl;
-    server_name localhost;
-    ssl_certificate $cert;
-    ssl_certificate_key $key;
-    root $www;
-  }
-}
-EOF
-: >"$nd/error.log"
-nginx -t -q -p "$nd" -e "$nd/error.log" -c "$nd/nginx.conf" >"$nd/configtest.log" 2>&1 || {
+nginx_config "$nd" "$www" "$cert" "$key" auto warn off || {
   cat "$nd/configtest.log" >&2
   die "nginx rejects its configuration"
 }
-setsid nginx -p "$nd" -e "$nd/error.log" -c "$nd/nginx.conf" </dev/null >"$nd/stdout.log" 2>&1 &
-nginx_pid=$!
-probe="small/s0000.bin"
-want=$(head -c 16 "$www/$probe" | od -An -tx1 | tr -d ' \n')
-ready=0
-for ((i = 0; i < 300; i++)); do
-  kill -0 "$nginx_pid" 2>/dev/null || break
-  if [[ $(curl -q -s --noproxy '*' --max-time 2 -r 0-15 "http://127.0.0.1:$HTTP_PORT/$probe" | od -An -tx1 | tr -d ' \n') == "$want" &&
-    $(curl -q -s -k --noproxy '*' --max-time 2 -r 0-15 "https://127.0.0.1:$HTTPS_PORT/$probe" | od -An -tx1 | tr -d ' \n') == "$want" ]]; then
-    ready=1
-    break
-  fi
-  sleep 0.1
-done
-((ready)) || {
+start_nginx_serving "$nd" "$www" small/s0000.bin || {
   tail -n 20 "$nd/error.log" >&2 || true
   die "nginx did not come up on 127.0.0.1:$HTTP_PORT and :$HTTPS_PORT"
 }

@@ -30,6 +30,8 @@ die() {
   log "error: $*"
   exit 1
 }
+# shellcheck source=scripts/lib/loopback.sh
+source "$root/scripts/lib/loopback.sh"
 
 # ---------------------------------------------------------------------------
 # Build
@@ -68,13 +70,6 @@ mkdir -p "$job" "$nd/tmp"
 BIG_SIZE=$((256 * 1024 * 1024))
 SMALL_COUNT=500
 SAMPLE_VERSION="v1 big=$BIG_SIZE small=$SMALL_COUNT" # change to force a rebuild
-
-# Deterministic pseudo-random bytes: AES-128-CTR of zeros under a fixed key
-# (fast: the 256 MiB take well under a second with AES instructions).
-prng() { # <bytes> <iv-number>
-  head -c "$1" /dev/zero |
-    openssl enc -aes-128-ctr -K 00112233445566778899aabbccddeeff -iv "$(printf '%032x' "$2")"
-}
 
 # Size of small file i: 4 KiB to 64 KiB, spread by a fixed formula.
 small_size() { echo $((4096 + ($1 * 7919 + 13) % 61441)); }
@@ -130,136 +125,25 @@ fi
 
 cert="$job/cert.pem"
 key="$job/key.pem"
-if ! [[ -s $cert && -s $key ]] || ! openssl x509 -in "$cert" -noout -checkend 86400 >/dev/null 2>&1; then
-  log "creating a self-signed certificate"
-  openssl req -x509 -newkey rsa:2048 -nodes -sha256 -days 3650 \
-    -subj /CN=localhost -addext "subjectAltName=DNS:localhost,IP:127.0.0.1" \
-    -keyout "$key.tmp" -out "$cert.tmp" >"$job/openssl.log" 2>&1 ||
-    die "openssl could not create the certificate (see $job/openssl.log)"
-  chmod 600 "$key.tmp"
-  mv -f "$key.tmp" "$key"
-  mv -f "$cert.tmp" "$cert"
-fi
-
-# Free ports ----------------------------------------------------------------------
-
-# Local TCP ports in use (any state, IPv4 and IPv6).
-used_ports() {
-  local f _ local_addr
-  for f in /proc/net/tcp /proc/net/tcp6; do
-    [[ -r $f ]] || continue
-    while read -r _ local_addr _; do
-      [[ $local_addr == *:* ]] && echo $((16#${local_addr##*:}))
-    done < <(tail -n +2 "$f")
-  done
-}
-
-# Sets variable $1 to a free port below the ephemeral range, 443 never.
-taken=" 443 "
-free_port() {
-  local used p i
-  used=" $(used_ports | sort -un | tr '\n' ' ') "
-  p=$((32000 - (RANDOM * 13 + $$) % 12000))
-  for ((i = 0; i < 12000; i++)); do
-    if [[ $used != *" $p "* && $taken != *" $p "* ]]; then
-      taken+="$p "
-      printf -v "$1" '%s' "$p"
-      return 0
-    fi
-    p=$((p - 1))
-    ((p >= 20000)) || p=31999
-  done
-  return 1
-}
+make_cert "$cert" "$key" DNS:localhost,IP:127.0.0.1 "$job/openssl.log" ||
+  die "openssl could not create the certificate (see $job/openssl.log)"
 
 # Server ----------------------------------------------------------------------
 
-nginx_pid=""
-stop_server() {
-  [[ -n $nginx_pid ]] || return 0
-  local i
-  if kill -0 "$nginx_pid" 2>/dev/null; then
-    # TERM to the master: it takes its workers down with it.
-    kill -TERM "$nginx_pid" 2>/dev/null || true
-    for ((i = 0; i < 100; i++)); do # at most 10 s
-      kill -0 "$nginx_pid" 2>/dev/null || break
-      sleep 0.1
-    done
-  fi
-  # The master ran in its own session and group (setsid); a worker left
-  # behind by a hard exit is still in that group.
-  kill -KILL -- "-$nginx_pid" 2>/dev/null || true
-  wait "$nginx_pid" 2>/dev/null || true
-  nginx_pid=""
-}
-trap 'stop_server' EXIT
+trap 'stop_pid "$nginx_pid"' EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
 free_port HTTP_PORT || die "no free port for HTTP"
 free_port HTTPS_PORT || die "no free port for HTTPS"
-
-user_line=""
-[[ $(id -u) -eq 0 ]] && user_line="user root;" # the docroot is under the build tree
-cat >"$nd/nginx.conf" <<EOF
-$user_line
-daemon off;
-master_process on;
-worker_processes auto;
-pid $nd/nginx.pid;
-error_log $nd/error.log warn;
-
-events {
-  worker_connections 1024;
-}
-
-http {
-  default_type application/octet-stream;
-  access_log off;
-  client_body_temp_path $nd/tmp/body;
-  proxy_temp_path $nd/tmp/proxy;
-  fastcgi_temp_path $nd/tmp/fastcgi;
-  uwsgi_temp_path $nd/tmp/uwsgi;
-  scgi_temp_path $nd/tmp/scgi;
-  sendfile on;
-  tcp_nopush on;
-  keepalive_requests 100000;
-  keepalive_timeout 65s;
-
-  server {
-    listen 127.0.0.1:$HTTP_PORT;
-    listen 127.0.0.1:$HTTPS_PORT ssl;
-    server_name localhost;
-    ssl_certificate $cert;
-    ssl_certificate_key $key;
-    root $www;
-  }
-}
-EOF
-: >"$nd/error.log"
-nginx -t -q -p "$nd" -e "$nd/error.log" -c "$nd/nginx.conf" >"$nd/configtest.log" 2>&1 || {
+nginx_config "$nd" "$www" "$cert" "$key" auto warn off || {
   cat "$nd/configtest.log" "$nd/error.log" >&2
   die "nginx rejects its configuration"
 }
-setsid nginx -p "$nd" -e "$nd/error.log" -c "$nd/nginx.conf" </dev/null >"$nd/stdout.log" 2>&1 &
-nginx_pid=$!
-
-# Ready when both ports serve a file (at most 30 s).
-want=$(head -c 16 "$www/small/s000.bin" | od -An -tx1 | tr -d ' \n')
-ready=0
-for ((i = 0; i < 300; i++)); do
-  kill -0 "$nginx_pid" 2>/dev/null || break
-  if [[ $(curl -q -s --noproxy '*' --max-time 2 -r 0-15 "http://127.0.0.1:$HTTP_PORT/small/s000.bin" | od -An -tx1 | tr -d ' \n') == "$want" &&
-    $(curl -q -s -k --noproxy '*' --max-time 2 -r 0-15 "https://127.0.0.1:$HTTPS_PORT/small/s000.bin" | od -An -tx1 | tr -d ' \n') == "$want" ]]; then
-    ready=1
-    break
-  fi
-  sleep 0.1
-done
-if ((!ready)); then
+start_nginx_serving "$nd" "$www" small/s000.bin || {
   tail -n 30 "$nd/error.log" "$nd/stdout.log" >&2 || true
   die "nginx did not come up on 127.0.0.1:$HTTP_PORT and :$HTTPS_PORT"
-fi
+}
 log "nginx (pid $nginx_pid) serving $www on http://127.0.0.1:$HTTP_PORT and https://127.0.0.1:$HTTPS_PORT"
 
 # Downloads -------------------------------------------------------------------
@@ -304,7 +188,8 @@ run_protocol() { # <name> <base-url>
 run_protocol HTTP "http://127.0.0.1:$HTTP_PORT"
 run_protocol HTTPS "https://127.0.0.1:$HTTPS_PORT"
 
-stop_server
+stop_pid "$nginx_pid"
+nginx_pid=""
 echo
 echo "Summary (1 MB = 10^6 bytes; digests checked by the library and again with sha256sum):"
 printf '  %s\n' "${summary[@]}"

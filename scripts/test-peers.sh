@@ -27,6 +27,11 @@ dir=$(cd "$2" && pwd -P)
 run="$dir/run"
 
 log() { echo "test-peers: $*" >&2; }
+# The test data keeps its own key, so that it differs from the main job's.
+# shellcheck disable=SC2034
+PRNG_KEY=000102030405060708090a0b0c0d0e0f
+# shellcheck source=scripts/lib/loopback.sh
+source "$(dirname "${BASH_SOURCE[0]}")/lib/loopback.sh"
 
 # ---------------------------------------------------------------------------
 # Process bookkeeping
@@ -173,39 +178,7 @@ fail() {
 trap 'fail "unexpected error at line $LINENO"' ERR
 
 # ---------------------------------------------------------------------------
-# Free ports
-
-# All local TCP ports in use in any state, IPv4 and IPv6.
-used_ports() {
-  local f _ local_addr
-  for f in /proc/net/tcp /proc/net/tcp6; do
-    [[ -r $f ]] || continue
-    while read -r _ local_addr _; do
-      [[ $local_addr == *:* ]] || continue
-      echo $((16#${local_addr##*:}))
-    done < <(tail -n +2 "$f")
-  done
-}
-
-taken=" "
-# Sets variable $1 to a port below the kernel's ephemeral range (so outgoing
-# connections cannot be holding it) that no socket uses and that was not
-# handed out yet.
-free_port() {
-  local used p i
-  used=" $(used_ports | sort -un | tr '\n' ' ') "
-  p=$((20000 + (RANDOM * 7 + $$) % 12000))
-  for ((i = 0; i < 12000; i++)); do
-    if [[ $used != *" $p "* && $taken != *" $p "* ]]; then
-      taken+="$p "
-      printf -v "$1" '%s' "$p"
-      return 0
-    fi
-    p=$((p + 1))
-    ((p < 32000)) || p=20000
-  done
-  return 1
-}
+# Ports
 
 port_listening() {
   local hex
@@ -267,13 +240,6 @@ launch() {
 # ---------------------------------------------------------------------------
 # Test data
 
-# Deterministic pseudo-random bytes: AES-128-CTR of zeros under a fixed key,
-# one IV per file so the files differ from each other.
-DATA_KEY=000102030405060708090a0b0c0d0e0f
-prng() { # <bytes> <iv-number>
-  head -c "$1" /dev/zero | openssl enc -aes-128-ctr -K "$DATA_KEY" -iv "$(printf '%032x' "$2")"
-}
-
 size_is() { [[ -f $1 && $(stat -c %s "$1") -eq $2 ]]; }
 
 make_file() { # <name> <bytes> <iv-number>
@@ -307,23 +273,6 @@ make_data() {
   fi
 }
 
-make_cert() {
-  cert="$dir/cert.pem"
-  key="$dir/key.pem"
-  if [[ -s $cert && -s $key ]] && openssl x509 -in "$cert" -noout -checkend 86400 >/dev/null 2>&1; then
-    return 0
-  fi
-  # Issued for "localhost" only: connecting to 127.0.0.1 must be seen as a
-  # host-name mismatch by a verifying client.
-  openssl req -x509 -newkey rsa:2048 -nodes -sha256 -days 3650 \
-    -subj /CN=localhost -addext subjectAltName=DNS:localhost \
-    -keyout "$key.tmp" -out "$cert.tmp" >"$run/openssl.log" 2>&1 ||
-    fail "could not create the test certificate" "$run/openssl.log"
-  chmod 600 "$key.tmp"
-  mv -f "$key.tmp" "$key"
-  mv -f "$cert.tmp" "$cert"
-}
-
 # ---------------------------------------------------------------------------
 # Peers
 
@@ -335,69 +284,21 @@ is_root=0
 [[ $(id -u) -eq 0 ]] && is_root=1
 
 start_nginx() {
-  local nd="$dir/nginx" user_line="" pid
-  mkdir -p "$nd/tmp"
+  local nd="$dir/nginx" pid
+  mkdir -p "$nd"
   printf '%s:%s\n' "$AUTH_USER" "$(openssl passwd -apr1 "$AUTH_PASSWORD")" >"$nd/htpasswd"
-  # Workers would otherwise drop to "nobody", which need not be able to
-  # reach the docroot under the build tree.
-  ((is_root)) && user_line="user root;"
-  cat >"$nd/nginx.conf" <<EOF
-$user_line
-daemon off;
-master_process on;
-worker_processes 1;
-pid $nd/nginx.pid;
-error_log $nd/error.log info;
-
-events {
-  worker_connections 1024;
-}
-
-http {
-  types {
-    text/plain txt;
-    application/octet-stream bin;
-  }
-  default_type application/octet-stream;
-  access_log $nd/access.log;
-  client_body_temp_path $nd/tmp/body;
-  proxy_temp_path $nd/tmp/proxy;
-  fastcgi_temp_path $nd/tmp/fastcgi;
-  uwsgi_temp_path $nd/tmp/uwsgi;
-  scgi_temp_path $nd/tmp/scgi;
-
-  sendfile on;
-  tcp_nopush on;
-  keepalive_requests 100000;
-  keepalive_timeout 65s;
-  # Uploads of any size go to /post; the 1 MiB default would answer 413.
-  client_max_body_size 0;
-
-  server {
-    listen 127.0.0.1:$HTTP_PORT;
-    listen 127.0.0.1:$HTTPS_PORT ssl;
-    server_name localhost;
-    ssl_certificate $cert;
-    ssl_certificate_key $key;
-
-    root $www;
-
-    location = /post {
-      return 200 "posted\n";
-    }
-    location /redirect/ {
-      return 302 /five.bin;
-    }
+  # Uploads of any size go to /post (the 1 MiB default would answer 413); a
+  # redirect and a Basic-auth area over the same files.
+  nginx_config "$nd" "$www" "$cert" "$key" 1 info "$nd/access.log" \
+    "  types { text/plain txt; application/octet-stream bin; }
+  client_max_body_size 0;" \
+    "    location = /post { return 200 \"posted\\n\"; }
+    location /redirect/ { return 302 /five.bin; }
     location /auth/ {
       alias $www/;
-      auth_basic "webchannel tests";
+      auth_basic \"webchannel tests\";
       auth_basic_user_file $nd/htpasswd;
-    }
-  }
-}
-EOF
-  : >"$nd/error.log"
-  nginx -t -q -p "$nd" -e "$nd/error.log" -c "$nd/nginx.conf" >"$nd/configtest.log" 2>&1 ||
+    }" ||
     fail "nginx rejects its configuration" "$nd/configtest.log" "$nd/error.log"
   launch nginx "$nd/stdout.log" nginx -p "$nd" -e "$nd/error.log" -c "$nd/nginx.conf"
   pid=$launched
@@ -527,7 +428,10 @@ stop_all # leftovers of an earlier run
 rm -rf "$dir/tmp"
 
 www="$dir/www"
-make_cert
+cert="$dir/cert.pem" key="$dir/key.pem"
+# Issued for "localhost" only: connecting to 127.0.0.1 must be seen as a
+# host-name mismatch by a verifying client.
+make_cert "$cert" "$key" DNS:localhost "$run/openssl.log" || fail "could not create the test certificate" "$run/openssl.log"
 make_data
 
 if port_listening "$HTTPS_PORT"; then
