@@ -124,6 +124,25 @@ TEST_F(BadInput, BatchOperationsRejectMissingArgumentsAndOddText) {
     EXPECT_EQ(channel->getNextDownloadedFile(), -1);
 }
 
+// A host that forgets init: transfers are refused, a job of known size is
+// still listed, and nothing crashes or is handed out.
+TEST(BadInputBeforeInit, OperationsWithoutInitFailCleanly) {
+    webChannel fresh;
+    VRAXSecureWebChannel& channel = fresh;
+    const std::string dir = testsupport::tempDir();
+    char body[] = "x";
+    EXPECT_EQ(channel.httpMultiGet(false), kInvalidArgument);
+    EXPECT_EQ(channel.httpGet("http://127.0.0.1:1/a", (dir + "/a").c_str()), kInvalidArgument);
+    EXPECT_EQ(channel.httpPost("http://127.0.0.1:1/a", nullptr, body, false), kInvalidArgument);
+    EXPECT_EQ(channel.addJob("http://127.0.0.1:1/a", (dir + "/a").c_str(), 0, nullptr, nullptr), kInvalidArgument);
+    EXPECT_EQ(channel.addJob("http://127.0.0.1:1/a", (dir + "/a").c_str(), 5, nullptr, nullptr), 0);
+    EXPECT_EQ(channel.httpMultiGet(true), kInvalidArgument);
+    EXPECT_EQ(channel.getNextDownloadedFile(), -1);
+    EXPECT_EQ(channel.getErrorCode(nullptr, 0), 0);
+    channel.close();
+    channel.close();
+}
+
 TEST_F(BadInput, IsValidAnswersOneOnlyForAnExactDigest) {
     const std::string file = dir + "/hello", longFile = dir + "/" + kLong, crlfSum = kMd5 + kCrLf, crlf = "md5" + kCrLf;
     FILE* out = fopen(file.c_str(), "wb");

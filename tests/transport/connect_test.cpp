@@ -4,6 +4,7 @@
 // hang-up bit once the peer has closed, -1 and the socket error after a reset.
 #include <openssl/x509_vfy.h>
 #include <sys/epoll.h>
+#include <sys/stat.h>
 
 #include <cstring>
 #include <set>
@@ -109,6 +110,15 @@ TEST_F(Connect, SelfSignedPeerCompletesTheHandshakeAndItsFailedVerificationIsOnl
         EXPECT_NE(at, lines.end()) << "missing or out of order: " << line << "\n" << log.text();
     }
     EXPECT_EQ(loggedCount("Verifying certificate "), 1);
+    // The trust store loaded at init: the first of the two places that exists.
+    struct stat store;
+    const bool bundle = stat("/etc/pki/tls/certs/ca-bundle.crt", &store) == 0;
+    if (bundle || stat("/etc/ssl/certs", &store) == 0)
+        EXPECT_EQ(loggedCount(std::string("VRAXSecureWebChannel::initSSL: using ") +
+                              (bundle ? "/etc/pki/tls/certs/ca-bundle.crt" : "/etc/ssl/certs") +
+                              " as certificate store " + (S_ISDIR(store.st_mode) ? "dir" : "file")),
+                  1)
+            << log.text();
 }
 
 TEST_F(Connect, RecordsAreReusedByHostAndPortAndReplacedOnReconnect) {
