@@ -90,6 +90,7 @@ TEST_F(Faults, ThePieceEndsAtItsThirtiethCountedAttemptWithoutAskingAgain) {
         });
         init(channel, 1);
         record.channel = &channel;
+        record.index = 0;  // the worker's slice of the receive buffer
         webChannel::httpGetJob job(server.url("/p"));
         job.file = dir + "/p";
         job.size = 1000;
