@@ -195,9 +195,6 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
         return kBadStatus;
     }
     FILE* out = job != nullptr ? openShared(file) : openFresh(file);
-    // Body blocks are large already: they go to the file in one write each,
-    // without a copy through a stdio buffer.
-    if (out != nullptr) setvbuf(out, nullptr, _IONBF, 0);
     if (out == nullptr) {
         if (logging())
             log("VRAXSecureWebChannel::httpGet(thread %d, file %s): failed to open target: %d", thread, target,
@@ -205,6 +202,9 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
         dropConnection(conn, record);
         return kFileWrite;
     }
+    // Body blocks are large already: they go to the file in one write each,
+    // without a copy through a stdio buffer.
+    setvbuf(out, nullptr, _IONBF, 0);
     long long position = 0;
     if (job != nullptr) {
         if (ranged) {

@@ -77,8 +77,10 @@ long long webChannel::handleProgress(long long lastReported, long long done, lon
     }
     int jobIndex = -1;
     if (blamed != nullptr) {
-        auto position = m_jobIndex.find(*blamed);
-        if (indexed && position != m_jobIndex.end()) {
+        // While a batch runs the index is in step with the list and nobody
+        // changes it; otherwise it may be stale, and the list is searched.
+        auto position = indexed ? m_jobIndex.find(*blamed) : m_jobIndex.end();
+        if (position != m_jobIndex.end()) {
             jobIndex = (int)position->second;
         } else {
             for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
