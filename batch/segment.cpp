@@ -1,5 +1,11 @@
 // The segment download: one attempt at fetching a URL, or one byte range of
 // it, into its place in the target file. Callers repeat while it answers 3003.
+//
+// One attempt is a short list of steps (start, connect, send, read the head,
+// judge it, open the target, stream the body, settle the outcome), each a
+// function below. The state they share lives in one `Attempt`; the
+// connection and the target file belong to guards made by the top function,
+// so a step that stops early releases nothing by hand.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,12 +14,76 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
 #include "http/response.h"
 
 namespace {
+
+using connection = webChannel::connection;
+using httpGetJob = webChannel::httpGetJob;
+using threadData = webChannel::threadData;
+
+// A step's verdict: a result to return at once, or nothing to go on.
+using Stop = std::optional<int>;
+
+// Pause before a counted repeat, so that a server that keeps dropping the
+// connection is not hammered.
+constexpr unsigned kRepeatPauseSeconds = 2;
+
+// Drops the attempt's connection from its pool when the attempt ends, unless
+// a step decided it can serve the next request: a connection is reused only
+// when its response was read to the last byte. Steps that must log after the
+// drop call drop() at that point, so the log keeps its order.
+class ConnectionLease {
+public:
+    ConnectionLease(webChannel& channel, connection*& conn, threadData* worker)
+        : m_channel(channel), m_conn(conn), m_worker(worker) {}
+    ~ConnectionLease() { drop(); }
+    ConnectionLease(const ConnectionLease&) = delete;
+    ConnectionLease& operator=(const ConnectionLease&) = delete;
+    void keep() { m_keep = true; }
+    void drop() {
+        if (m_keep || m_dropped || m_conn == nullptr) return;
+        m_dropped = true;
+        m_channel.dropConnection(m_conn, m_worker);
+    }
+    // Keeps the connection only when `reusable`.
+    void keepIf(bool reusable) {
+        if (reusable) keep();
+        else drop();
+    }
+
+private:
+    webChannel& m_channel;
+    connection*& m_conn;
+    threadData* m_worker;
+    bool m_keep = false;
+    bool m_dropped = false;
+};
+
+// The target file of one attempt, closed when the attempt ends; close()
+// tells whether the last buffered bytes reached the disk.
+class TargetFile {
+public:
+    TargetFile() = default;
+    ~TargetFile() { close(); }
+    TargetFile(const TargetFile&) = delete;
+    TargetFile& operator=(const TargetFile&) = delete;
+    void reset(FILE* file) { m_file = file; }
+    FILE* get() const { return m_file; }
+    bool close() {
+        if (m_file == nullptr) return true;
+        bool closed = fclose(m_file) == 0;
+        m_file = nullptr;
+        return closed;
+    }
+
+private:
+    FILE* m_file = nullptr;
+};
 
 // Opens a batch target for writing without truncating it: pieces of one
 // file are written by several workers at once, and whichever opens first
@@ -31,321 +101,398 @@ FILE* openFresh(const std::string& path) {
     return fopen(path.c_str(), "wb+");
 }
 
-bool isRedirect(int code) {
-    return code == 301 || code == 302 || code == 303 || code == 307 || code == 308;
+// What the steps of one attempt share.
+struct Attempt {
+    Attempt(webChannel& channel_, connection*& conn_, std::string& url_, const std::string& file_, httpGetJob* job_,
+            threadData* record_, int& attempts_)
+        : channel(channel_), conn(conn_), url(url_), file(file_), job(job_), record(record_), attempts(attempts_),
+          thread(record_ != nullptr ? record_->index : 0), target(file_.c_str()) {}
+    webChannel& channel;
+    connection*& conn;
+    std::string& url;
+    const std::string& file;
+    httpGetJob* job;
+    threadData* record;
+    int& attempts;
+    int thread;          // the worker's number, 0 outside a batch
+    const char* target;  // the file's name, for the log
+    bool ranged = false;
+    // The head, once read: the first block of the response sits in `buffer`.
+    char* buffer = nullptr;
+    int received = 0;
+    int code = 0;
+    long long contentLength = 0;
+    int mode = 0;  // the parser's result: 0 plain body, kChunked, or a failure
+    ResponseHead head;
+    long long bodyStart = 0;
+
+    // Bytes of this response still on the wire after the first block, when
+    // known (-1 otherwise): a connection is reused only when nothing is left.
+    long long leftOnWire() const {
+        if (mode != kOk || !head.contentLengthSeen || head.contentLength < 0) return -1;
+        return head.contentLength - (received - bodyStart);  // cannot overflow: both terms are >= 0
+    }
+};
+
+// How the body is framed, and how far this attempt got with it.
+struct Body {
+    bool chunked = false;
+    bool untilClose = false;  // delimited by the server closing the connection
+    // Plain bodies: `wire` is what the response still owes (LLONG_MAX when
+    // the close delimits it), `remaining` what this attempt still wants to
+    // write, `skip` the leading bytes that belong before this piece. Chunked
+    // bodies: `remaining` is the decoder's state.
+    long long wire = LLONG_MAX;
+    long long remaining = 1;
+    long long skip = 0;
+    long long position = 0;  // offset in the target of the first byte written
+    long long offset = 0;    // bytes carried at the start of the buffer (chunked)
+    long long lastReport = 0;
+    int lastRead = 0;
+    int dumped = kOk;
+    bool resetSeen = false;
+    bool closedByPeer = false;
+    // Without a job the bytes are counted on a scratch record.
+    httpGetJob scratch;
+    httpGetJob* sink = nullptr;
+    long long downloadedBefore = 0;
+
+    long long writtenHere() const { return atomicLoad(sink->downloaded) - downloadedBefore; }
+    bool wantsMore() const { return chunked ? remaining > 0 : remaining > 0 && wire > 0; }
+};
+
+// Takes a pending redirect's target, counts the attempt, and checks that the
+// job may go on at all.
+Stop beginAttempt(Attempt& a) {
+    if (a.conn != nullptr && !a.conn->location.empty()) {
+        a.url = a.conn->location;
+        a.conn->location.clear();
+    }
+    if (a.attempts > 0) {
+        if (webChannel::logging())
+            webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): server closed connection, re-creating",
+                            a.thread, a.target);
+        sleep(kRepeatPauseSeconds);
+    } else {
+        if (webChannel::logging())
+            webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, URL %s, file %s): started", a.thread,
+                            a.url.c_str(), a.target);
+        a.attempts = -a.attempts;  // a redirect's count becomes a plain count again
+    }
+    if (a.attempts >= kMaxAttempts) return kTooManyAttempts;
+    if (a.channel.isCancelled()) return kCancelled;
+    return std::nullopt;
+}
+
+// Takes a connection from the worker's pool (or the shared one).
+Stop takeConnection(Attempt& a) {
+    int opened = kOk;
+    // The URL itself goes to the pool, so that its scheme decides TLS.
+    a.conn = a.channel.open(a.url, a.record, false, &opened);
+    if (webChannel::logging())
+        webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): opened connection %x, socket %d",
+                        a.thread, a.target, (unsigned)(uintptr_t)a.conn, a.conn != nullptr ? a.conn->socket : 0);
+    if (a.conn != nullptr) return std::nullopt;
+    if (opened == kPeerClosed) {
+        ++a.attempts;
+        return kRepeat;
+    }
+    return opened != kOk ? opened : kInvalidArgument;
+}
+
+// Renders the request: the job's parameters merged with the channel's, or
+// the channel's alone for a single GET or a size probe.
+std::string requestText(Attempt& a, const std::string& host, const std::string& port, std::string path) {
+    AccessParams probeParams;
+    AccessParams* params;
+    bool relative;
+    if (a.job != nullptr) {
+        relative = a.job->params.count(kParamRelativeTarget) != 0;
+        a.channel.mergeChannelParams(a.job->params);
+        params = &a.job->params;
+    } else {
+        probeParams = a.channel.paramsSnapshot();
+        relative = probeParams.count(kParamRelativeTarget) != 0;
+        params = &probeParams;
+    }
+    if (path.empty()) path = "/";
+    std::string requestTarget =
+        relative ? path : std::string(a.conn->https ? "https://" : "http://") + host + ":" + port + path;
+    webChannel::httpRequest request("GET", a.conn->host + ":" + a.conn->port, requestTarget, nullptr, params);
+    a.ranged = a.job != nullptr && a.job->end > 0;
+    if (a.ranged) {
+        char range[4096];
+        snprintf(range, sizeof(range), "bytes=%lld-%lld", a.job->start, a.job->end);
+        request.headers["Range"] = range;
+    }
+    return request.str();
+}
+
+// Writes the request. A kept connection the server has closed meanwhile
+// fails here: that costs an attempt and a fresh connection.
+Stop sendRequest(Attempt& a, ConnectionLease& lease, const std::string& text) {
+    if (webChannel::logging()) webChannel::log("SENT\n%s\n", text.c_str());
+    int sent = a.channel.writeAll(a.conn, text);
+    if (sent == 0 || (sent == -1 && webChannel::isDropped())) {
+        if (webChannel::logging()) webChannel::log("SENT\n%d : %d\n", sent, atomicLoad(a.channel.m_errorCode));
+        lease.drop();
+        ++a.attempts;
+        return kRepeat;
+    }
+    if (sent < 0) return kSendFailed;
+    return std::nullopt;
+}
+
+// Reads the first block (the whole head and whatever body came with it) and
+// parses the head.
+Stop readResponseHead(Attempt& a, ConnectionLease& lease) {
+    a.buffer = a.channel.m_buffer + (long long)a.thread * kBufferSlice;
+    int lastRead = 0;
+    a.received = a.channel.readHead(a.conn, a.buffer, kMaxRead, lastRead);
+    if (a.received == 0 || (a.received == -1 && webChannel::isReset())) {
+        if (webChannel::logging())
+            webChannel::log("Going to repeat download. RECV\n%d : %d\n", a.received,
+                            atomicLoad(a.channel.m_errorCode));
+        lease.drop();
+        ++a.attempts;
+        return kRepeat;
+    }
+    if (a.received < 0) {
+        if (webChannel::logging())
+            webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): size: %lld", a.thread, a.target,
+                            (long long)a.received);
+        return kReadFailed;
+    }
+    a.channel.m_incomplete[a.thread] = 0;
+    a.buffer[a.received] = 0;
+    if (webChannel::logging()) webChannel::log("RECV\n%s\n", a.buffer);
+    long long headerLength = 0;
+    std::string_view headText(a.buffer, strnlen(a.buffer, (size_t)a.received));
+    a.mode = a.channel.parseHttpResponseHeader(headText, a.code, headerLength, a.contentLength, a.conn, &a.head);
+    if (webChannel::logging())
+        webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): code %d, size %lld bytes", a.thread,
+                        a.target, a.code, a.contentLength);
+    // A head that never ended (the peer closed in its middle, or it exceeds
+    // the buffer) is unusable: none of it may be taken for a size or reach a
+    // target.
+    a.bodyStart = findHeadEnd(headText);
+    if (a.bodyStart == 0 && a.mode >= 0) return a.received >= kMaxRead ? kBadStatus : kReadFailed;
+    return std::nullopt;
+}
+
+// Judges the status: failures and redirects end the attempt; a success of a
+// job of unknown size tells the size.
+Stop judgeStatus(Attempt& a, ConnectionLease& lease) {
+    if (a.mode < 0 || a.code < 200 || a.code >= 400) {
+        lease.keepIf(a.leftOnWire() == 0);
+        return kBadStatus;
+    }
+    if (isRedirectStatus(a.code)) {
+        if (webChannel::logging())
+            webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): redirecting to %s", a.thread,
+                            a.target, a.conn->location.c_str());
+        lease.keepIf(a.leftOnWire() == 0);
+        a.attempts = redirectedAttempts(a.attempts);
+        return kRepeat;
+    }
+    if (a.code < 300 && a.job != nullptr && atomicLoad(a.job->size) == 0) {
+        // "intitializing" is spelled as hosts' log filters expect it.
+        if (webChannel::logging())
+            webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): intitializing job size to %d",
+                            a.thread, a.target, (int)a.contentLength);
+        if (a.contentLength > 0) atomicStore(a.job->size, a.contentLength);
+    }
+    return std::nullopt;
+}
+
+// Works out the framing and where the body lands. A ranged request answered
+// with the whole file (200 instead of 206) starts at the file's first byte:
+// the bytes before this piece are skipped, so that each byte lands at its
+// own offset.
+Stop planBody(Attempt& a, Body& body) {
+    if (a.head.contentLengthSeen && a.head.contentLength < 0) return kBadStatus;
+    body.chunked = a.mode == kChunked;
+    const bool wholeFile = a.ranged && a.code == 200;
+    body.skip = wholeFile ? a.job->start : 0;
+    if (wholeFile && body.chunked && body.skip > 0) return kBadStatus;
+    body.untilClose = !body.chunked && !a.head.contentLengthSeen && a.code != 204 && a.code != 304;
+    body.wire = body.chunked || body.untilClose ? LLONG_MAX : a.head.contentLength;
+    if (!body.chunked) {
+        body.remaining = body.wire == LLONG_MAX ? LLONG_MAX : body.wire - body.skip;
+        if (a.ranged && body.remaining > a.job->end - a.job->start + 1) body.remaining = a.job->end - a.job->start + 1;
+        if (body.remaining < 0) body.remaining = 0;
+    }
+    return std::nullopt;
+}
+
+// Opens the target and places it at this piece's offset.
+Stop openTarget(Attempt& a, Body& body, TargetFile& out) {
+    out.reset(a.job != nullptr ? openShared(a.file) : openFresh(a.file));
+    if (out.get() == nullptr) {
+        if (webChannel::logging())
+            webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): failed to open target: %d", a.thread,
+                            a.target, atomicLoad(a.channel.m_errorCode));
+        return kFileWrite;
+    }
+    // Body blocks are large already: they go to the file in one write each,
+    // without a copy through a stdio buffer.
+    setvbuf(out.get(), nullptr, _IONBF, 0);
+    if (a.job != nullptr) {
+        if (a.ranged) {
+            body.position = a.job->start;
+        } else {
+            // Without a range the whole body comes again from its first byte.
+            atomicStore(a.job->downloaded, 0LL);
+            a.job->start = 0;
+        }
+    }
+    if (body.position > 0 && fseeko(out.get(), body.position, SEEK_SET) != 0) return kFileWrite;
+    body.sink = a.job != nullptr ? a.job : &body.scratch;
+    body.downloadedBefore = atomicLoad(body.sink->downloaded);
+    return std::nullopt;
+}
+
+// Hands the body bytes buffer[from, to) on: to the chunk decoder, or, for a
+// plain body, after the skip and within what is wanted.
+int deliver(Attempt& a, Body& body, FILE* out, long long from, long long to) {
+    if (body.chunked) {
+        long long start = from;
+        int dumped = a.channel.dump(out, a.buffer, to, start, body.remaining, kChunked, body.sink);
+        body.offset = start;
+        return dumped;
+    }
+    body.offset = 0;
+    long long length = to - from;
+    if (length > body.wire) length = body.wire;
+    body.wire -= length;
+    long long skipped = length < body.skip ? length : body.skip;
+    body.skip -= skipped;
+    from += skipped;
+    length -= skipped;
+    if (length > body.remaining) length = body.remaining;
+    if (length <= 0) return kOk;
+    long long start = from;
+    return a.channel.dump(out, a.buffer, from + length, start, body.remaining, 0, body.sink);
+}
+
+void report(Attempt& a, Body& body) {
+    if (a.channel.m_handler == nullptr) return;
+    long long done = a.job != nullptr ? atomicLoad(a.job->downloaded) : body.writtenHere();
+    long long all = a.job != nullptr ? atomicLoad(a.job->size) : a.contentLength;
+    body.lastReport = a.channel.handleProgress(body.lastReport, done, all, a.record != nullptr ? a.record->index : -1);
+}
+
+// Streams the body into the target: the bytes that came with the head,
+// then block after block until the body is complete, a read fails, the host
+// asks to stop or the batch is cancelled.
+void streamBody(Attempt& a, Body& body, FILE* out) {
+    body.dumped = deliver(a, body, out, a.bodyStart, a.received);
+    report(a, body);
+    body.lastRead = a.received;
+    while (body.dumped == kOk && body.wantsMore() && body.lastReport >= 0 && !a.channel.isCancelled()) {
+        int got = a.channel.readBlock(a.conn, a.buffer + body.offset, (int)(kMaxRead - body.offset));
+        if (got <= 0) {
+            body.resetSeen = got == -1 && webChannel::isReset();
+            body.lastRead = got;
+            body.closedByPeer = got == 0;
+            if (webChannel::logging())
+                webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): read returned error %d", a.thread,
+                                a.target, got);
+            break;
+        }
+        body.lastRead = got;
+        body.dumped = deliver(a, body, out, 0, body.offset + got);
+        report(a, body);
+    }
+    // A body delimited by the server closing ends with that close.
+    if (body.untilClose && body.dumped == kOk && body.closedByPeer) body.remaining = 0;
+}
+
+// The complete piece: the connection is kept for the next request only when
+// the response was read to its last byte and the peer is still there.
+int complete(Attempt& a, Body& body, ConnectionLease& lease, long long written) {
+    if (webChannel::logging())
+        webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): downloaded %lld bytes from offset %lld",
+                        a.thread, a.target, written, body.position);
+    lease.keepIf(!(body.chunked || body.untilClose || body.wire != 0 || a.conn->hangupEvents != 0));
+    // The host asked to stop on the report of a piece that was already
+    // complete: the piece stands, but its worker takes no further job and
+    // the batch ends as cancelled.
+    if (body.lastReport < 0 && a.record != nullptr) {
+        atomicStore(a.record->error, (int)kCancelled);
+        a.channel.recordFailure(kCancelled, a.file);
+    }
+    return kOk;
+}
+
+// The piece stopped short: whether to repeat, and whether that costs an
+// attempt.
+int incomplete(Attempt& a, Body& body, ConnectionLease& lease, long long written) {
+    if (webChannel::logging())
+        webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): processing incomplete download: "
+                        "downloaded %lld bytes with code %d, %lld bytes remaining",
+                        a.thread, a.target, written, body.lastRead, body.remaining);
+    lease.drop();  // whatever is left of the response is unusable
+    if (body.dumped != kOk) return body.dumped;
+    if (body.lastRead == -1 && body.resetSeen) {
+        // A reset that cut a piece costs an attempt only when it brought nothing.
+        if (written == 0) ++a.attempts;
+        return kRepeat;
+    }
+    const bool cancelled = a.channel.isCancelled();
+    if (body.lastRead == -2) {
+        a.channel.m_incomplete[a.thread] = 1;
+        ++a.attempts;
+        if (webChannel::logging())
+            webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): isError: %d", a.thread, a.target,
+                            cancelled);
+        return kRepeat;
+    }
+    if (webChannel::logging())
+        webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): isError: %d handled: %d", a.thread,
+                        a.target, cancelled, (int)body.lastReport);
+    return cancelled || body.lastReport < 0 ? kCancelled : kReadFailed;
 }
 
 }  // namespace
 
 int webChannel::httpGet(connection*& conn, std::string url, std::string file, httpGetJob* job, threadData* record,
                         int& attempts) {
-    const int thread = record != nullptr ? record->index : 0;
-    const char* target = file.c_str();
-    if (conn != nullptr && !conn->location.empty()) {
-        url = conn->location;
-        conn->location.clear();
-    }
-    if (attempts > 0) {
-        if (logging())
-            log("VRAXSecureWebChannel::httpGet(thread %d, file %s): server closed connection, re-creating", thread,
-                target);
-        sleep(2);
-    } else {
-        if (logging())
-            log("VRAXSecureWebChannel::httpGet(thread %d, URL %s, file %s): started", thread, url.c_str(), target);
-        attempts = -attempts;
-    }
-    if (attempts >= kMaxAttempts) return kTooManyAttempts;
-    if (isCancelled()) return kCancelled;
-
+    Attempt a(*this, conn, url, file, job, record, attempts);
+    if (Stop stop = beginAttempt(a)) return *stop;
     std::string host, port, path;
     bool https = false;
     if (!parseURL(url, nullptr, host, port, path, &https)) return kInvalidArgument;
-    int opened = kOk;
-    // The URL itself goes to the pool, so that its scheme decides TLS.
-    conn = open(url, record, false, &opened);
-    if (logging())
-        log("VRAXSecureWebChannel::httpGet(thread %d, file %s): opened connection %x, socket %d", thread, target,
-            (unsigned)(uintptr_t)conn, conn != nullptr ? conn->socket : 0);
-    if (conn == nullptr) {
-        if (opened == kPeerClosed) {
-            ++attempts;
-            return kRepeat;
-        }
-        return opened != kOk ? opened : kInvalidArgument;
-    }
+    if (Stop stop = takeConnection(a)) return *stop;
 
-    // Request: the job's parameters merged with the channel's, or the
-    // channel's alone for a single GET or a size probe.
-    AccessParams probeParams;
-    AccessParams* params;
-    bool relative;
-    if (job != nullptr) {
-        relative = job->params.count(kParamRelativeTarget) != 0;
-        mergeChannelParams(job->params);
-        params = &job->params;
-    } else {
-        probeParams = paramsSnapshot();
-        relative = probeParams.count(kParamRelativeTarget) != 0;
-        params = &probeParams;
-    }
-    if (path.empty()) path = "/";
-    std::string requestTarget =
-        relative ? path : std::string(conn->https ? "https://" : "http://") + host + ":" + port + path;
-    httpRequest request("GET", conn->host + ":" + conn->port, requestTarget, nullptr, params);
-    const bool ranged = job != nullptr && job->end > 0;
-    if (ranged) {
-        char range[4096];
-        snprintf(range, sizeof(range), "bytes=%lld-%lld", job->start, job->end);
-        request.headers["Range"] = range;
-    }
-    std::string text = request.str();
-    if (logging()) log("SENT\n%s\n", text.c_str());
-    int sent = writeAll(conn, text);
-    if (sent == 0 || (sent == -1 && isDropped())) {
-        if (logging()) log("SENT\n%d : %d\n", sent, m_errorCode);
-        dropConnection(conn, record);  // the next attempt needs a fresh connection
-        ++attempts;
-        return kRepeat;
-    }
-    if (sent < 0) {
-        dropConnection(conn, record);
-        return kSendFailed;
-    }
+    ConnectionLease lease(*this, conn, record);
+    if (Stop stop = sendRequest(a, lease, requestText(a, host, port, path))) return *stop;
+    if (Stop stop = readResponseHead(a, lease)) return *stop;
+    if (Stop stop = judgeStatus(a, lease)) return *stop;
+    // A size probe wants the head alone. Its body is not fetched, so the
+    // connection cannot serve another request (the lease drops it).
+    if (file.empty()) return kOk;
 
-    // The first block: the whole head, and whatever body came with it.
-    char* buffer = m_buffer + (long long)thread * kBufferSlice;
-    int lastRead = 0;
-    int received = readHead(conn, buffer, kMaxRead, lastRead);
-    if (received == 0 || (received == -1 && isReset())) {
-        if (logging()) log("Going to repeat download. RECV\n%d : %d\n", received, m_errorCode);
-        dropConnection(conn, record);
-        ++attempts;
-        return kRepeat;
-    }
-    if (received < 0) {
-        if (logging())
-            log("VRAXSecureWebChannel::httpGet(thread %d, file %s): size: %lld", thread, target, (long long)received);
-        dropConnection(conn, record);
-        return kReadFailed;
-    }
-    m_incomplete[thread] = 0;
-    buffer[received] = 0;
-    if (logging()) log("RECV\n%s\n", buffer);
-    int code = 0;
-    long long headerLength = 0, contentLength = 0;
-    ResponseHead head;
-    std::string_view headText(buffer, strnlen(buffer, (size_t)received));
-    int mode = parseHttpResponseHeader(headText, code, headerLength, contentLength, conn, &head);
-    if (logging())
-        log("VRAXSecureWebChannel::httpGet(thread %d, file %s): code %d, size %lld bytes", thread, target, code,
-            contentLength);
-
-    // Where the body starts. A head that never ended (the peer closed in its
-    // middle, or it exceeds the buffer) is unusable: none of it may be taken
-    // for a size or reach a target.
-    const long long bodyStart = findHeadEnd(headText);
-    if (bodyStart == 0 && mode >= 0) {
-        dropConnection(conn, record);
-        return received >= kMaxRead ? kBadStatus : kReadFailed;
-    }
-    // Bytes of this response still on the wire after the first block, when
-    // known: a connection is reused only when nothing of the response is left.
-    auto leftOnWire = [&]() -> long long {
-        if (mode != kOk || !head.contentLengthSeen || head.contentLength < 0) return -1;
-        return head.contentLength - (received - bodyStart);  // cannot overflow: both terms are >= 0
-    };
-    if (mode < 0 || code < 200 || code >= 400) {
-        if (leftOnWire() != 0) dropConnection(conn, record);
-        return kBadStatus;
-    }
-    if (isRedirect(code)) {
-        if (logging())
-            log("VRAXSecureWebChannel::httpGet(thread %d, file %s): redirecting to %s", thread, target,
-                conn->location.c_str());
-        if (leftOnWire() != 0) dropConnection(conn, record);
-        attempts = -1 - attempts;
-        return kRepeat;
-    }
-    if (code < 300 && job != nullptr && atomicLoad(job->size) == 0) {
-        if (logging())
-            log("VRAXSecureWebChannel::httpGet(thread %d, file %s): intitializing job size to %d", thread, target,
-                (int)contentLength);
-        if (contentLength > 0) atomicStore(job->size, contentLength);
-    }
-    if (file.empty()) {
-        // Size probe: the head is all that was wanted. The body is not
-        // fetched, so the connection cannot serve another request.
-        dropConnection(conn, record);
-        return kOk;
-    }
-    if (head.contentLengthSeen && head.contentLength < 0) {
-        dropConnection(conn, record);
-        return kBadStatus;
-    }
-
-    // Where the body goes. A ranged request answered with the whole file
-    // (200 instead of 206) starts at the file's first byte: the bytes before
-    // this piece are skipped, so that each byte lands at its own offset.
-    const bool chunked = mode == kChunked;
-    const bool wholeFile = ranged && code == 200;
-    long long skip = wholeFile ? job->start : 0;
-    if (wholeFile && chunked && skip > 0) {
-        dropConnection(conn, record);
-        return kBadStatus;
-    }
-    FILE* out = job != nullptr ? openShared(file) : openFresh(file);
-    if (out == nullptr) {
-        if (logging())
-            log("VRAXSecureWebChannel::httpGet(thread %d, file %s): failed to open target: %d", thread, target,
-                m_errorCode);
-        dropConnection(conn, record);
-        return kFileWrite;
-    }
-    // Body blocks are large already: they go to the file in one write each,
-    // without a copy through a stdio buffer.
-    setvbuf(out, nullptr, _IONBF, 0);
-    long long position = 0;
-    if (job != nullptr) {
-        if (ranged) {
-            position = job->start;
-        } else {
-            // Without a range the whole body comes again from its first byte.
-            atomicStore(job->downloaded, 0LL);
-            job->start = 0;
-        }
-    }
-    if (position > 0 && fseeko(out, position, SEEK_SET) != 0) {
-        fclose(out);
-        dropConnection(conn, record);
-        return kFileWrite;
-    }
-
-    // Plain bodies: `wire` is what the response still owes (LLONG_MAX when it
-    // is delimited by the server closing), `remaining` what this call still
-    // wants to write. Chunked bodies: `remaining` is the decoder's state.
-    const bool untilClose = !chunked && !head.contentLengthSeen && code != 204 && code != 304;
-    long long wire = chunked || untilClose ? LLONG_MAX : head.contentLength;
-    long long remaining = 1;
-    if (!chunked) {
-        remaining = wire == LLONG_MAX ? LLONG_MAX : wire - skip;
-        if (ranged && remaining > job->end - job->start + 1) remaining = job->end - job->start + 1;
-        if (remaining < 0) remaining = 0;
-    }
-    // Without a job the bytes are counted on a scratch record.
-    httpGetJob scratch;
-    httpGetJob* sink = job != nullptr ? job : &scratch;
-    const long long downloadedBefore = atomicLoad(sink->downloaded);
-    auto writtenHere = [&]() { return atomicLoad(sink->downloaded) - downloadedBefore; };
-    const int reporter = record != nullptr ? record->index : -1;
-    long long lastReport = 0;
-    long long offset = 0;  // bytes carried at the start of the buffer (chunked)
-
-    // Hands the body bytes buffer[from, to) on: to the chunk decoder, or,
-    // for a plain body, after the skip and within what is wanted.
-    auto deliver = [&](long long from, long long to) -> int {
-        if (chunked) {
-            long long start = from;
-            int dumped = dump(out, buffer, to, start, remaining, kChunked, sink);
-            offset = start;
-            return dumped;
-        }
-        offset = 0;
-        long long length = to - from;
-        if (length > wire) length = wire;
-        wire -= length;
-        long long skipped = length < skip ? length : skip;
-        skip -= skipped;
-        from += skipped;
-        length -= skipped;
-        if (length > remaining) length = remaining;
-        if (length <= 0) return kOk;
-        long long start = from;
-        return dump(out, buffer, from + length, start, remaining, 0, sink);
-    };
-    auto report = [&]() {
-        if (m_handler == nullptr) return;
-        long long done = job != nullptr ? atomicLoad(job->downloaded) : writtenHere();
-        long long all = job != nullptr ? atomicLoad(job->size) : contentLength;
-        lastReport = handleProgress(lastReport, done, all, reporter);
-    };
-    auto wantsMore = [&]() { return chunked ? remaining > 0 : remaining > 0 && wire > 0; };
-
-    int dumped = deliver(bodyStart, received);
-    report();
-    lastRead = received;
-    bool resetSeen = false;
-    bool closedByPeer = false;
-    while (dumped == kOk && wantsMore() && lastReport >= 0 && !isCancelled()) {
-        int got = readBlock(conn, buffer + offset, (int)(kMaxRead - offset));
-        if (got <= 0) {
-            resetSeen = got == -1 && isReset();
-            lastRead = got;
-            closedByPeer = got == 0;
-            if (logging())
-                log("VRAXSecureWebChannel::httpGet(thread %d, file %s): read returned error %d", thread, target, got);
-            break;
-        }
-        lastRead = got;
-        dumped = deliver(0, offset + got);
-        report();
-    }
-    // A body delimited by the server closing ends with that close.
-    if (untilClose && dumped == kOk && closedByPeer) remaining = 0;
-
-    if (fclose(out) != 0 && dumped == kOk) dumped = kFileWrite;  // buffered bytes that could not be written
-    const long long written = writtenHere();
+    Body body;
+    if (Stop stop = planBody(a, body)) return *stop;
+    TargetFile out;
+    if (Stop stop = openTarget(a, body, out)) return *stop;
+    streamBody(a, body, out.get());
+    if (!out.close() && body.dumped == kOk) body.dumped = kFileWrite;  // buffered bytes that could not be written
+    const long long written = body.writtenHere();
     if (job != nullptr) job->start += written;
-
-    if (dumped == kOk && remaining == 0) {
-        if (logging())
-            log("VRAXSecureWebChannel::httpGet(thread %d, file %s): downloaded %lld bytes from offset %lld", thread,
-                target, written, position);
-        // Kept for the next request only when the response was read to its
-        // last byte and the peer is still there.
-        if (chunked || untilClose || wire != 0 || conn->hangupEvents != 0) dropConnection(conn, record);
-        // The host asked to stop on the report of a piece that was already
-        // complete: the piece stands, but its worker takes no further job
-        // and the batch ends as cancelled.
-        if (lastReport < 0 && record != nullptr) {
-            atomicStore(record->error, (int)kCancelled);
-            recordFailure(kCancelled, file);
-        }
-        return kOk;
-    }
-
-    if (logging())
-        log("VRAXSecureWebChannel::httpGet(thread %d, file %s): processing incomplete download: downloaded %lld "
-            "bytes with code %d, %lld bytes remaining",
-            thread, target, written, lastRead, remaining);
-    dropConnection(conn, record);  // whatever is left of the response is unusable
-    if (dumped != kOk) return dumped;
-    if (lastRead == -1 && resetSeen) {
-        // A reset that cut a piece costs an attempt only when it brought nothing.
-        if (written == 0) ++attempts;
-        return kRepeat;
-    }
-    const bool cancelled = isCancelled();
-    if (lastRead == -2) {
-        m_incomplete[thread] = 1;
-        ++attempts;
-        if (logging()) log("VRAXSecureWebChannel::httpGet(thread %d, file %s): isError: %d", thread, target, cancelled);
-        return kRepeat;
-    }
-    if (logging())
-        log("VRAXSecureWebChannel::httpGet(thread %d, file %s): isError: %d handled: %d", thread, target, cancelled,
-            (int)lastReport);
-    return cancelled || lastReport < 0 ? kCancelled : kReadFailed;
+    if (body.dumped == kOk && body.remaining == 0) return complete(a, body, lease, written);
+    return incomplete(a, body, lease, written);
 }
 
 int webChannel::fetch(std::string url, const std::string& file, httpGetJob* job, threadData* record) {
-    // After a redirect (attempts negative) the next attempt goes to the
-    // location the response left in the connection record.
+    // After a redirect the next attempt goes to the location the response
+    // left in the connection record.
     connection* conn = nullptr;
     int attempts = 0;
     int result;
     do {
-        if (attempts < 0 && conn != nullptr) url = conn->location;
+        if (isRedirectPending(attempts) && conn != nullptr) url = conn->location;
         result = httpGet(conn, url, file, job, record, attempts);
     } while (result == kRepeat);
     return result;

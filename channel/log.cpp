@@ -6,6 +6,7 @@
 #include <cstdarg>
 
 #include "channel/globals.h"
+#include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
 
 // One mutex for the whole process, initialised statically: it stays usable
@@ -17,10 +18,12 @@ FILE* webChannel::m_log = nullptr;
 
 void webChannel::setLog(const char* path) {
     FILE* opened = path == nullptr ? stdout : fopen(path, "a+");
-    pthread_mutex_lock(&gLockLog);
-    FILE* previous = m_log;
-    __atomic_store_n(&m_log, opened, __ATOMIC_RELAXED);
-    pthread_mutex_unlock(&gLockLog);
+    FILE* previous;
+    {
+        ScopedLock lock(gLockLog);
+        previous = m_log;
+        __atomic_store_n(&m_log, opened, __ATOMIC_RELAXED);
+    }
     // The previous file is closed so that repeated calls do not leak streams;
     // the swap above happened under the line lock, so no line is being
     // written to it now.
@@ -35,17 +38,18 @@ void webChannel::log(const char* format, ...) {
     int savedErrno = errno;
     timeval now;
     gettimeofday(&now, nullptr);
-    pthread_mutex_lock(&gLockLog);
-    FILE* out = m_log;  // read again under the lock: setLog may have swapped it
-    if (out != nullptr) {
-        fprintf(out, "%ld:%.3d : ", (long)now.tv_sec, (int)(now.tv_usec / 1000));
-        va_list args;
-        va_start(args, format);
-        vfprintf(out, format, args);
-        va_end(args);
-        fputc('\n', out);
-        fflush(out);
+    {
+        ScopedLock lock(gLockLog);
+        FILE* out = m_log;  // read again under the lock: setLog may have swapped it
+        if (out != nullptr) {
+            fprintf(out, "%ld:%.3d : ", (long)now.tv_sec, (int)(now.tv_usec / 1000));
+            va_list args;
+            va_start(args, format);
+            vfprintf(out, format, args);
+            va_end(args);
+            fputc('\n', out);
+            fflush(out);
+        }
     }
-    pthread_mutex_unlock(&gLockLog);
     errno = savedErrno;
 }

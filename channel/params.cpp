@@ -1,21 +1,6 @@
 // Channel parameters and per-job access parameters.
+#include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
-
-namespace {
-
-// Locks a pthread mutex for the lifetime of a scope.
-class ScopedLock {
-public:
-    explicit ScopedLock(pthread_mutex_t& mutex) : m_mutex(mutex) { pthread_mutex_lock(&m_mutex); }
-    ~ScopedLock() { pthread_mutex_unlock(&m_mutex); }
-    ScopedLock(const ScopedLock&) = delete;
-    ScopedLock& operator=(const ScopedLock&) = delete;
-
-private:
-    pthread_mutex_t& m_mutex;
-};
-
-}  // namespace
 
 // Channel parameters are read by the workers of a running batch while the
 // cookie capture of the response parser may store a new cookie, so every

@@ -40,6 +40,16 @@ constexpr unsigned kDefaultThreads = 8;
 constexpr unsigned kMaxThreads = 64;
 // Attempts of one segment before it fails.
 constexpr int kMaxAttempts = 30;
+// The repeat protocol's attempt count: its magnitude counts the attempts
+// made; after a redirect it is stored as -1 - count, negative even for a
+// first attempt, which tells the caller to take the next URL from the
+// connection's `location`.
+constexpr int redirectedAttempts(int attempts) {
+    return -1 - attempts;
+}
+constexpr bool isRedirectPending(int attempts) {
+    return attempts < 0;
+}
 // Default transfer time-out in seconds.
 constexpr int kDefaultTimeout = 300;
 

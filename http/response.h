@@ -26,6 +26,11 @@ struct ResponseHead {
 // 3xx status, "location: ", which ends the parse at once.
 void parseResponseHead(std::string_view text, bool captureCookies, ResponseHead& head);
 
+// The status codes the channel follows to their "location".
+constexpr bool isRedirectStatus(int code) {
+    return code == 301 || code == 302 || code == 303 || code == 307 || code == 308;
+}
+
 // Offset just past the empty line that ends the head, or 0 when the text
 // holds no empty line yet. Lines end at "\n"; trailing " \r\t" do not count.
 long long findHeadEnd(std::string_view text);

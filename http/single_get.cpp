@@ -58,7 +58,7 @@ int webChannel::httpGet(const char* url) {
         int before = attempts;
         // The same URL every time, also after a redirect.
         result = httpGetResponse(conn, url, attempts);
-        if (result == kRepeat && attempts == ~before && ++redirects > kMaxMemoryRedirects) result = kTooManyAttempts;
+        if (result == kRepeat && attempts == redirectedAttempts(before) && ++redirects > kMaxMemoryRedirects) result = kTooManyAttempts;
     } while (result == kRepeat);
     releaseRetired();
     if (result < 0) setError(result);
@@ -138,9 +138,9 @@ int webChannel::httpGetResponse(connection*& conn, std::string url, int& attempt
         getHttpResponseBody(buffer, m_response);
         return kOk;
     }
-    if (code == 301 || code == 302 || code == 303 || code == 307 || code == 308) {
+    if (isRedirectStatus(code)) {
         if (logging()) log("VRAXSecureWebChannel::httpGet: redirecting to %s", conn->location.c_str());
-        attempts = ~attempts;
+        attempts = redirectedAttempts(attempts);
         return kRepeat;
     }
     return kBadStatus;
