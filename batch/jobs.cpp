@@ -1,6 +1,8 @@
 // The job and worker records, and the host's job list.
 #include <cstring>
 
+#include "channel/atomics.h"
+#include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
 #include "util/fs.h"
 #include "util/strings.h"
@@ -39,13 +41,13 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
         // Probe: the head of a GET tells the size. -1 marks "no length seen",
         // so a stale length of an earlier response is never taken, and an
         // announced length of 0 (an empty file) is.
-        m_responseLength = -1;
+        atomicStore(m_responseLength, -1LL);
         int result = fetch(url, std::string(), nullptr, nullptr);
         releaseRetired();
-        size = result == kOk ? m_responseLength : -1;
+        size = result == kOk ? atomicLoad(m_responseLength) : -1;
         if (logging()) log("VRAXSecureWebChannel::addJob: calculated size is %lld", size);
         if (size < 0) {
-            m_responseLength = 0;
+            atomicStore(m_responseLength, 0LL);
             return kInvalidArgument;
         }
     }
@@ -100,6 +102,7 @@ int webChannel::removeJob(const char* url) {
         // Later jobs moved down by one.
         m_jobIndex.erase(probe.url);
         for (size_t i = (size_t)position; i < m_httpGetJobs.size(); ++i) m_jobIndex[m_httpGetJobs[i].url] = i;
+        ScopedLock lock(m_lock4);
         m_verifiedStale = true;
     }
     for (size_t t = 0; t < m_batch.size(); ++t) {
@@ -137,4 +140,9 @@ long webChannel::jobPosition(const std::string& url) {
     for (size_t i = 0; i < m_httpGetJobs.size(); ++i) m_jobIndex.emplace(m_httpGetJobs[i].url, i);
     found = m_jobIndex.find(url);
     return found == m_jobIndex.end() ? -1 : (long)found->second;
+}
+
+long webChannel::urlCounter(const std::string& url) const {
+    auto found = m_downloaded.find(url);
+    return found == m_downloaded.end() ? 0 : atomicLoad(found->second);
 }

@@ -5,27 +5,45 @@
 #include <cstring>
 
 #include "channel/atomics.h"
+#include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
 #include "transport/sigpipe.h"
 #include "util/fs.h"
 
-namespace {
-
-long counterOf(const std::map<std::string, long>& counters, const std::string& url) {
-    auto found = counters.find(url);
-    return found == counters.end() ? 0 : atomicLoad(found->second);
-}
-
-}  // namespace
-
 int webChannel::httpMultiGet(bool finalize) {
     if (logging()) log("VRAXSecureWebChannel::httpMultiGet: started with %d URLs", (int)m_httpGetJobs.size());
-    m_errorCode = 0;
-    m_errorMessage.clear();
-    m_errorContext.clear();
+    clearError();
     if (m_buffer == nullptr || m_incomplete == nullptr) return kInvalidArgument;  // init() not called
     memset(m_incomplete, 0, sizeof(int) * m_threadNum);
+    prepareTargets();
+    initBatch();
+    indexBatch();
+    int result = runWorkers();
+    if (result != kOk) return result;
 
+    if (atomicLoad(m_handler) != nullptr) handleProgress(-1, 0, 0, 0);
+    if (logging()) log("VRAXSecureWebChannel::httpMultiGet: download complete");
+    // What stays in the thread lists is exactly the unfinished work, which
+    // the next batch resumes.
+    for (threadData* record : m_batch) {
+        std::vector<httpGetJob>& jobs = record->jobs;
+        jobs.erase(std::remove_if(jobs.begin(), jobs.end(),
+                                  [this](const httpGetJob& job) { return urlCounter(job.url) < 1; }),
+                   jobs.end());
+    }
+    if (finalize) finalizeBatch();
+
+    int pending = 0;
+    for (const httpGetJob& job : m_httpGetJobs) {
+        if (urlCounter(job.url) < 0) continue;
+        if (logging()) log("VRAXSecureWebChannel::httpMultiGet: pending=%d\n", pending);
+        ++pending;
+    }
+    if (logging()) log("VRAXSecureWebChannel::httpMultiGet: batch job is complete with %d pending URLs", pending);
+    return pending;
+}
+
+void webChannel::prepareTargets() {
     for (const httpGetJob& job : m_httpGetJobs) {
         if (m_batch.empty()) {
             // First batch of this channel: addJob already created or emptied
@@ -39,15 +57,16 @@ int webChannel::httpMultiGet(bool finalize) {
             if (!job.file.empty()) remove_file(job.file);
         }
     }
+}
 
-    initBatch();
+void webChannel::indexBatch() {
     // Bring the URL index up to date before the workers read it, and let
     // the next hand-out start from the counters.
     if (!m_httpGetJobs.empty()) jobPosition(m_httpGetJobs.front().url);
-    pthread_mutex_lock(&m_lock4);
-    m_verifiedStale = true;
-    pthread_mutex_unlock(&m_lock4);
-
+    {
+        ScopedLock lock(m_lock4);
+        m_verifiedStale = true;
+    }
     // Progress reports run on every worker after every block; they read the
     // counters through these pointers instead of searching the map by URL.
     // The map does not change while the workers run, so they stay valid.
@@ -57,11 +76,13 @@ int webChannel::httpMultiGet(bool finalize) {
         record->counters.clear();
         for (const httpGetJob& job : record->jobs) record->counters.push_back(&m_downloaded[job.url]);
     }
-    m_batchRunning = true;
+}
 
+int webChannel::runWorkers() {
     std::vector<pthread_t> threads;
     threads.reserve(m_batch.size());
     int result = kOk;
+    atomicStore(m_batchRunning, true);
     {
         SigpipeIgnore sigpipe;
         for (threadData* record : m_batch) atomicStore(record->error, 0);
@@ -78,30 +99,8 @@ int webChannel::httpMultiGet(bool finalize) {
         }
         for (pthread_t thread : threads) pthread_join(thread, nullptr);
     }
-    m_batchRunning = false;
-    if (result != kOk) return result;
-
-    if (m_handler != nullptr) handleProgress(-1, 0, 0, 0);
-    if (logging()) log("VRAXSecureWebChannel::httpMultiGet: download complete");
-
-    // What stays in the thread lists is exactly the unfinished work, which
-    // the next batch resumes.
-    for (threadData* record : m_batch) {
-        std::vector<httpGetJob>& jobs = record->jobs;
-        jobs.erase(std::remove_if(jobs.begin(), jobs.end(),
-                                  [this](const httpGetJob& job) { return counterOf(m_downloaded, job.url) < 1; }),
-                   jobs.end());
-    }
-    if (finalize) finalizeBatch();
-
-    int pending = 0;
-    for (const httpGetJob& job : m_httpGetJobs) {
-        if (counterOf(m_downloaded, job.url) < 0) continue;
-        if (logging()) log("VRAXSecureWebChannel::httpMultiGet: pending=%d\n", pending);
-        ++pending;
-    }
-    if (logging()) log("VRAXSecureWebChannel::httpMultiGet: batch job is complete with %d pending URLs", pending);
-    return pending;
+    atomicStore(m_batchRunning, false);
+    return result;
 }
 
 void* webChannel::executeHttpGet(void* argument) {
@@ -150,15 +149,14 @@ int webChannel::downloadJob(threadData* record, unsigned int j) {
 
 int webChannel::getNextDownloadedFile() {
     // The answer is the first job, in addJob order, whose file is complete
-    // and verified (-1); it becomes handed out (-2). Verified positions are
+    // and verified; it becomes handed out. Verified positions are
     // kept in a set, so that a host asking after every file of a batch of
     // thousands does not walk the whole list each time.
-    pthread_mutex_lock(&m_lock4);
+    ScopedLock lock(m_lock4);
     if (m_verifiedStale) {
         m_verified.clear();
         for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
-            auto found = m_downloaded.find(m_httpGetJobs[i].url);
-            if (found != m_downloaded.end() && atomicLoad(found->second) == -1) m_verified.insert(i);
+            if (urlCounter(m_httpGetJobs[i].url) == kUrlVerified) m_verified.insert(i);
         }
         m_verifiedStale = false;
     }
@@ -171,13 +169,12 @@ int webChannel::getNextDownloadedFile() {
         if (found == m_downloaded.end()) continue;
         // Several workers' callbacks may ask at the same moment: each file
         // is handed out once.
-        long expected = -1;
-        if (atomicSwap(found->second, expected, -2L)) {
+        long expected = kUrlVerified;
+        if (atomicSwap(found->second, expected, kUrlHandedOut)) {
             result = (int)position;
             break;
         }
     }
-    pthread_mutex_unlock(&m_lock4);
     return result;
 }
 
@@ -186,9 +183,8 @@ void webChannel::noteVerified(const std::string& url) {
     // to date before the workers started.
     auto found = m_jobIndex.find(url);
     if (found == m_jobIndex.end()) return;
-    pthread_mutex_lock(&m_lock4);
+    ScopedLock lock(m_lock4);
     m_verified.insert(found->second);
-    pthread_mutex_unlock(&m_lock4);
 }
 
 void webChannel::finalizeBatch() {

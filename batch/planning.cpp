@@ -7,7 +7,16 @@
 
 namespace {
 
-constexpr long long kSlack = 262144;
+// How far a worker's share may fall short of or run past the mean before a
+// file is cut to make it fit.
+constexpr long long kShareSlack = 262144;
+
+webChannel::threadData* makeRecord(webChannel* channel, unsigned index) {
+    webChannel::threadData* record = new webChannel::threadData();
+    record->channel = channel;
+    record->index = (int)index;
+    return record;
+}
 
 }  // namespace
 
@@ -22,70 +31,11 @@ void webChannel::initBatch() {
         total += job.size;
     }
     if (logging()) log("VRAXSecureWebChannel::initBatch: jobs %d, size %lld", (int)work.size(), total);
-
-    const long long share = total / m_threadNum;
-    const long long lowMark = share - kSlack;
-    const long long highMark = share + kSlack;
-    size_t cursor = 0;
-    auto makeRecord = [this](unsigned index) {
-        threadData* record = new threadData();
-        record->channel = this;
-        record->index = (int)index;
-        return record;
-    };
-
     if (!hasParam(kParamUnknownSize)) {
-        for (unsigned t = 0; t < m_threadNum; ++t) {
-            bool created = t >= m_batch.size();
-            threadData* record = created ? makeRecord(t) : m_batch[t];
-            record->size = 0;
-            if (lowMark > 0) {
-                do {
-                    if (cursor >= work.size()) break;
-                    httpGetJob job = work[cursor];
-                    if (record->size + job.size > highMark) {
-                        // Cut so that this thread ends exactly at the share;
-                        // the rest goes to the back of the list.
-                        long long take = share - record->size;
-                        httpGetJob rest = job;
-                        rest.start = job.start + take;
-                        rest.size = job.size - take;
-                        rest.part = job.part + 1;
-                        rest.downloaded = 0;
-                        job.size = take;
-                        job.end = job.start + take - 1;
-                        work[cursor] = job;
-                        work.push_back(rest);
-                    }
-                    record->jobs.push_back(job);
-                    record->size += job.size;
-                    m_downloaded[job.url] += 1;
-                    ++cursor;
-                } while (record->size < lowMark);
-            }
-            if (created) m_batch.push_back(record);
-        }
-        // Leftovers, whole, each to the least-loaded record (the first of
-        // equals).
-        for (; cursor < work.size(); ++cursor) {
-            threadData* record = *std::min_element(m_batch.begin(), m_batch.end(), threadData::compare);
-            record->jobs.push_back(work[cursor]);
-            record->size += work[cursor].size;
-            m_downloaded[work[cursor].url] += 1;
-        }
+        planShares(work, total);
     } else {
-        for (unsigned t = 0; cursor < work.size(); ++cursor, t = (t + 1) % m_threadNum) {
-            if (t < m_batch.size()) {
-                m_batch[t]->jobs.push_back(work[cursor]);
-            } else {
-                threadData* record = makeRecord(t);
-                record->jobs.push_back(work[cursor]);
-                m_batch.push_back(record);
-            }
-            m_downloaded[work[cursor].url] = 1;
-        }
+        dealWholeFiles(work);
     }
-
     if (!logging()) return;
     for (threadData* record : m_batch) {
         log("VRAXSecureWebChannel::initBatch: thread %d, size %lld:", record->index, record->size);
@@ -93,4 +43,60 @@ void webChannel::initBatch() {
     }
     for (const auto& entry : m_downloaded)
         log("VRAXSecureWebChannel::initBatch: URL %s, jobs %ld", entry.first.c_str(), entry.second);
+}
+
+void webChannel::planShares(std::vector<httpGetJob>& work, long long total) {
+    const long long share = total / m_threadNum;
+    const long long lowMark = share - kShareSlack;
+    const long long highMark = share + kShareSlack;
+    size_t cursor = 0;
+    for (unsigned t = 0; t < m_threadNum; ++t) {
+        bool created = t >= m_batch.size();
+        threadData* record = created ? makeRecord(this, t) : m_batch[t];
+        record->size = 0;
+        while (lowMark > 0 && cursor < work.size()) {
+            httpGetJob job = work[cursor];
+            if (record->size + job.size > highMark) {
+                // Cut so that this thread ends exactly at the share; the rest
+                // goes to the back of the list.
+                long long take = share - record->size;
+                httpGetJob rest = job;
+                rest.start = job.start + take;
+                rest.size = job.size - take;
+                rest.part = job.part + 1;
+                rest.downloaded = 0;
+                job.size = take;
+                job.end = job.start + take - 1;
+                work[cursor] = job;
+                work.push_back(rest);
+            }
+            record->jobs.push_back(job);
+            record->size += job.size;
+            m_downloaded[job.url] += 1;
+            ++cursor;
+            if (record->size >= lowMark) break;
+        }
+        if (created) m_batch.push_back(record);
+    }
+    // Leftovers, whole, each to the least-loaded record (the first of equals).
+    for (; cursor < work.size(); ++cursor) {
+        threadData* record = *std::min_element(m_batch.begin(), m_batch.end(), threadData::compare);
+        record->jobs.push_back(work[cursor]);
+        record->size += work[cursor].size;
+        m_downloaded[work[cursor].url] += 1;
+    }
+}
+
+void webChannel::dealWholeFiles(std::vector<httpGetJob>& work) {
+    // Sizes unknown: whole files, dealt to the workers in turn.
+    for (size_t cursor = 0, t = 0; cursor < work.size(); ++cursor, t = (t + 1) % m_threadNum) {
+        if (t < m_batch.size()) {
+            m_batch[t]->jobs.push_back(work[cursor]);
+        } else {
+            threadData* record = makeRecord(this, (unsigned)t);
+            record->jobs.push_back(work[cursor]);
+            m_batch.push_back(record);
+        }
+        m_downloaded[work[cursor].url] = 1;
+    }
 }

@@ -376,7 +376,7 @@ int deliver(Attempt& a, Body& body, FILE* out, long long from, long long to) {
 }
 
 void report(Attempt& a, Body& body) {
-    if (a.channel.m_handler == nullptr) return;
+    if (atomicLoad(a.channel.m_handler) == nullptr) return;
     long long done = a.job != nullptr ? atomicLoad(a.job->downloaded) : body.writtenHere();
     long long all = a.job != nullptr ? atomicLoad(a.job->size) : a.contentLength;
     body.lastReport = a.channel.handleProgress(body.lastReport, done, all, a.record != nullptr ? a.record->index : -1);

@@ -75,6 +75,9 @@ int webChannel::checksumJob(threadData* record, unsigned int j) {
     } else {
         std::string digest = checksum(job.file, job.algorithm);
         if (digest.size() != job.checksum.size() || digest != job.checksum) {
+            // Deliberate: the length is read and not used. Its one effect is the
+            // "cannot be opened" line when the target has vanished, which the
+            // log of a mismatch has always carried.
             filesize(job.file);
             if (logging())
                 log("VRAXSecureWebChannel::checksumJob: thread %d, job %d, expected checksum for file %s is %s",
@@ -83,19 +86,20 @@ int webChannel::checksumJob(threadData* record, unsigned int j) {
         }
     }
     // Complete and verified: getNextDownloadedFile may hand it out now.
-    atomicStore(counter->second, -1L);
+    atomicStore(counter->second, kUrlVerified);
     noteVerified(job.url);
     return kOk;
 }
 
 int webChannel::checksumErrJob(threadData* record, unsigned int j) {
     httpGetJob& job = record->jobs[j];
+    // "registing" is spelled as hosts' log filters match it.
     if (logging())
         log("VRAXSecureWebChannel::checksumErrJob: thread %d, job %d, registing checksum mismatch for file %s",
             record->index, (int)j, job.file.c_str());
     long long length = filesize(job.file);
     atomicStore(record->error, (int)kChecksumMismatch);
     recordFailure(kChecksumMismatch, job.file);
-    if (m_handler != nullptr) handleProgress(0, length, job.size, record->index);
+    if (atomicLoad(m_handler) != nullptr) handleProgress(0, length, job.size, record->index);
     return kOk;
 }

@@ -4,9 +4,11 @@
 #include <cstring>
 
 #include "channel/atomics.h"
+#include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
 
 int webChannel::getErrorCode(char* buffer, int size) {
+    ScopedLock lock(m_errorLock);
     if (buffer != nullptr && size > 0) {
         size_t length = m_errorMessage.size();
         size_t capacity = (size_t)size;
@@ -17,13 +19,14 @@ int webChannel::getErrorCode(char* buffer, int size) {
         // cut, and nothing outside the buffer is ever written.
         if (length < capacity && length > 0) buffer[length - 1] = 0;
     }
-    return m_errorCode;
+    return atomicLoad(m_errorCode);
 }
 
 int webChannel::getError(std::string& context, std::string& message) {
+    ScopedLock lock(m_errorLock);
     context = m_errorContext;
     message = m_errorMessage;
-    return m_errorCode;
+    return atomicLoad(m_errorCode);
 }
 
 bool webChannel::isError() {
@@ -41,6 +44,9 @@ bool webChannel::isError() {
 void webChannel::recordFailure(int code, const std::string& file) {
     // The first failure of a batch wins; the workers race for it, so the
     // claim is a compare-and-swap and only the winner writes the context.
+    // The texts are written under the lock, so that a host reading the error
+    // meanwhile sees them whole.
+    ScopedLock lock(m_errorLock);
     int expected = 0;
     if (!atomicSwap(m_errorCode, expected, code)) return;
     m_errorContext = file;
@@ -48,8 +54,16 @@ void webChannel::recordFailure(int code, const std::string& file) {
 }
 
 void webChannel::setError(int code) {
-    m_errorCode = code;
+    ScopedLock lock(m_errorLock);
+    atomicStore(m_errorCode, code);
     m_errorMessage = code == 0 ? std::string() : errorText(code, std::string());
+}
+
+void webChannel::clearError() {
+    ScopedLock lock(m_errorLock);
+    atomicStore(m_errorCode, 0);
+    m_errorMessage.clear();
+    m_errorContext.clear();
 }
 
 std::string webChannel::errorText(int code, const std::string& file) {

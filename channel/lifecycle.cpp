@@ -6,7 +6,9 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
+#include "channel/atomics.h"
 #include "channel/globals.h"
+#include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
 
 webChannel::webChannel()
@@ -28,6 +30,7 @@ webChannel::webChannel()
     pthread_mutex_init(&m_lock2, nullptr);
     pthread_mutex_init(&m_lock3, nullptr);
     pthread_mutex_init(&m_lock4, nullptr);
+    pthread_mutex_init(&m_errorLock, nullptr);
 }
 
 int webChannel::init(unsigned threadNum) {
@@ -35,18 +38,19 @@ int webChannel::init(unsigned threadNum) {
     m_httpGetJobs.clear();
     m_jobIndex.clear();
     m_downloaded.clear();
-    m_verifiedStale = true;
-    m_errorCode = 0;
-    m_errorMessage.clear();
-    m_errorContext.clear();
+    {
+        ScopedLock lock(m_lock4);
+        m_verifiedStale = true;
+    }
+    clearError();
     m_response.clear();
-    m_responseLength = 0;
+    atomicStore(m_responseLength, 0LL);
 
     m_threadNum = threadNum == 0 ? kDefaultThreads : threadNum;
     if (m_threadNum > kMaxThreads) m_threadNum = kMaxThreads;
 
     free(m_buffer);
-    m_buffer = static_cast<char*>(malloc((size_t)m_threadNum << 19));
+    m_buffer = static_cast<char*>(malloc((size_t)m_threadNum * kBufferSlice));
     if (m_incomplete != nullptr) {
         if (logging()) log("webChannel::init - free m_incomplete");
         free(m_incomplete);
@@ -94,6 +98,7 @@ webChannel::~webChannel() {
     pthread_mutex_destroy(&m_lock2);
     pthread_mutex_destroy(&m_lock3);
     pthread_mutex_destroy(&m_lock4);
+    pthread_mutex_destroy(&m_errorLock);
     free(m_buffer);
     m_buffer = nullptr;
     free(m_incomplete);

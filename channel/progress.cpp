@@ -3,21 +3,11 @@
 #include "channel/webChannel.h"
 
 void webChannel::setHandler(ProgressHandler handler, void* userData) {
-    m_handler = handler;
-    m_handlerData = userData;
+    // The workers read both while a batch runs: the data goes first, so that
+    // a worker that sees the new handler also sees its data.
+    atomicStore(m_handlerData, userData);
+    atomicStore(m_handler, handler);
 }
-
-namespace {
-
-// State counter of a URL. Workers must never insert into the map (it is
-// shared without a lock), so an absent URL reads as 0, the value an insertion
-// would have given it.
-long counterOf(const std::map<std::string, long>& counters, const std::string& url) {
-    auto found = counters.find(url);
-    return found == counters.end() ? 0 : atomicLoad(found->second);
-}
-
-}  // namespace
 
 long long webChannel::handleProgress(long long lastReported, long long done, long long total, int mode) {
     // `mode` is the reporting worker's number. Every worker reports: the
@@ -26,7 +16,8 @@ long long webChannel::handleProgress(long long lastReported, long long done, lon
     // cancelled.
     (void)mode;
     long long result = lastReported;
-    if (m_handler == nullptr) return result;
+    const ProgressHandler handler = atomicLoad(m_handler);
+    if (handler == nullptr) return result;
 
     int failedJobs = 0;
     long long bytesDone = done;
@@ -34,12 +25,12 @@ long long webChannel::handleProgress(long long lastReported, long long done, lon
     if (!m_downloaded.empty()) bytesDone = bytesTotal = 0;
 
     // The counter of job `i` of the list, or of job `j` of a worker.
-    const bool indexed = m_batchRunning;
+    const bool indexed = atomicLoad(m_batchRunning);
     auto listCounter = [&](size_t i) {
-        return indexed ? atomicLoad(*m_jobCounters[i]) : counterOf(m_downloaded, m_httpGetJobs[i].url);
+        return indexed ? atomicLoad(*m_jobCounters[i]) : urlCounter(m_httpGetJobs[i].url);
     };
     auto workerCounter = [&](const threadData* record, size_t j) {
-        return indexed ? atomicLoad(*record->counters[j]) : counterOf(m_downloaded, record->jobs[j].url);
+        return indexed ? atomicLoad(*record->counters[j]) : urlCounter(record->jobs[j].url);
     };
 
     if (done / kProgressStep != lastReported) {
@@ -93,6 +84,6 @@ long long webChannel::handleProgress(long long lastReported, long long done, lon
     }
 
     bool cancel = false;
-    m_handler(cancel, failedJobs, bytesDone, bytesTotal, jobIndex, m_handlerData);
+    handler(cancel, failedJobs, bytesDone, bytesTotal, jobIndex, atomicLoad(m_handlerData));
     return cancel ? -1 : result;
 }

@@ -29,8 +29,8 @@ using namespace wc;
 // Map from parameter id to value, for the channel and for every job.
 typedef std::map<int, std::string> AccessParams;
 
-// Receive buffer of one worker: reads take at most kBufferSlice - 1 bytes so
-// that a terminating zero always fits.
+// Receive buffer of one worker: m_buffer holds one slice per worker; reads
+// take at most kBufferSlice - 1 bytes so that a terminating zero always fits.
 constexpr long long kBufferSlice = 524288;
 constexpr int kMaxRead = 524287;
 // Progress granularity.
@@ -52,6 +52,10 @@ constexpr bool isRedirectPending(int attempts) {
 }
 // Default transfer time-out in seconds.
 constexpr int kDefaultTimeout = 300;
+// A URL's state counter in m_downloaded: 0 while not planned, then the number
+// of its pieces still to finish; these two once the file is complete.
+constexpr long kUrlVerified = -1;    // verified, waiting for getNextDownloadedFile
+constexpr long kUrlHandedOut = -2;   // handed out to the host
 
 class webChannel : public VRAXSecureWebChannel {
 public:
@@ -66,7 +70,7 @@ public:
         unsigned long address;      // target IPv4 address, network order; 0 behind a proxy
         std::string host;
         std::string port;
-        std::string spare1;
+        std::string spare1;         // reserved on purpose: nothing reads or writes it yet, the record keeps the slot
         bool https;
         std::string location;       // redirect target left by the response parser
         SSL* ssl;
@@ -179,6 +183,8 @@ public:
     void recordFailure(int code, const std::string& file);
     // Sets the error state of a single request (0 clears it).
     void setError(int code);
+    // Clears the error state at the start of an operation.
+    void clearError();
     static std::string errorText(int code, const std::string& file);
 
     // ---- channel/: progress (progress.cpp) ----
@@ -250,9 +256,19 @@ public:
 
     // ---- batch/: planning (planning.cpp) ----
     void initBatch();
+    // Known sizes: shares of about total / m_threadNum bytes, large files cut.
+    void planShares(std::vector<httpGetJob>& work, long long total);
+    // Unknown sizes: whole files dealt round-robin.
+    void dealWholeFiles(std::vector<httpGetJob>& work);
 
     // ---- batch/: driver and workers (multi_get.cpp) ----
     void finalizeBatch();
+    // Before planning: targets of files that start over are removed.
+    void prepareTargets();
+    // Before the workers start: the URL index and the counter pointers.
+    void indexBatch();
+    // Starts a worker per record with work and joins them all.
+    int runWorkers();
     static void* executeHttpGet(void* record);
     int executeJob(threadData* record, unsigned int j);
     int downloadJob(threadData* record, unsigned int j);
@@ -260,6 +276,12 @@ public:
     long jobPosition(const std::string& url);
     // Notes that the file of this URL was verified, for getNextDownloadedFile.
     void noteVerified(const std::string& url);
+
+    // ---- batch/: job list (jobs.cpp) ----
+    // The state counter of a URL (see kUrlVerified). Workers must never
+    // insert into the map (it is shared without a lock), so an absent URL
+    // reads as 0, the value an insertion would have given it.
+    long urlCounter(const std::string& url) const;
 
     // ---- batch/: segment download (segment.cpp) ----
     int httpGet(connection*& conn, std::string url, std::string file, httpGetJob* job, threadData* record,
@@ -292,7 +314,7 @@ public:
     void* m_handlerData;
     std::string m_response;
     long long m_responseLength;
-    int m_errorCode;
+    int m_errorCode;  // read and written through atomics.h: workers record failures while the host reads
     std::string m_errorMessage;
     std::string m_errorContext;
     std::vector<httpGetJob> m_httpGetJobs;
@@ -302,6 +324,7 @@ public:
     pthread_mutex_t m_lock2;  // m_proxyAnswers
     pthread_mutex_t m_lock3;  // m_params (the cookie capture writes it from workers)
     pthread_mutex_t m_lock4;  // m_verified
+    pthread_mutex_t m_errorLock;  // m_errorMessage and m_errorContext
     unsigned int m_threadNum;
     int* m_incomplete;
     AccessParams m_params;
@@ -317,7 +340,7 @@ public:
     bool m_verifiedStale;
     // While a batch runs: the state counter of each job of m_httpGetJobs.
     std::vector<const long*> m_jobCounters;
-    bool m_batchRunning;
+    bool m_batchRunning;  // through atomics.h: workers read it
 
     static FILE* m_log;
 };

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "channel/atomics.h"
 #include "channel/webChannel.h"
 #include "http/response.h"
 #include "transport/sigpipe.h"
@@ -28,9 +29,7 @@ void webChannel::releaseRetired() {
 
 int webChannel::httpGet(const char* url, const char* file) {
     if (url == nullptr) return kInvalidArgument;
-    m_errorCode = 0;
-    m_errorMessage.clear();
-    m_errorContext.clear();
+    clearError();
     if (m_buffer == nullptr) return kInvalidArgument;  // init() has not sized the buffers
     SigpipeIgnore sigpipe;
     int result = fetch(url, file != nullptr ? file : "", nullptr, nullptr);
@@ -46,9 +45,7 @@ int webChannel::httpGet_c(const char* url, const char* file) {
 
 int webChannel::httpGet(const char* url) {
     if (url == nullptr) return kInvalidArgument;
-    m_errorCode = 0;
-    m_errorMessage.clear();
-    m_errorContext.clear();
+    clearError();
     SigpipeIgnore sigpipe;
     int attempts = 0;
     int redirects = 0;
@@ -66,7 +63,7 @@ int webChannel::httpGet(const char* url) {
 }
 
 const char* webChannel::httpResponse(long long* length) {
-    if (length != nullptr) *length = m_responseLength;
+    if (length != nullptr) *length = atomicLoad(m_responseLength);
     return m_response.c_str();
 }
 
