@@ -19,6 +19,7 @@
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
 #include "http/response.h"
+#include "transport/connection_lease.h"
 
 namespace {
 
@@ -32,37 +33,6 @@ using Stop = std::optional<int>;
 // Pause before a counted repeat, so that a server that keeps dropping the
 // connection is not hammered.
 constexpr unsigned kRepeatPauseSeconds = 2;
-
-// Drops the attempt's connection from its pool when the attempt ends, unless
-// a step decided it can serve the next request: a connection is reused only
-// when its response was read to the last byte. Steps that must log after the
-// drop call drop() at that point, so the log keeps its order.
-class ConnectionLease {
-public:
-    ConnectionLease(webChannel& channel, connection*& conn, threadData* worker)
-        : m_channel(channel), m_conn(conn), m_worker(worker) {}
-    ~ConnectionLease() { drop(); }
-    ConnectionLease(const ConnectionLease&) = delete;
-    ConnectionLease& operator=(const ConnectionLease&) = delete;
-    void keep() { m_keep = true; }
-    void drop() {
-        if (m_keep || m_dropped || m_conn == nullptr) return;
-        m_dropped = true;
-        m_channel.dropConnection(m_conn, m_worker);
-    }
-    // Keeps the connection only when `reusable`.
-    void keepIf(bool reusable) {
-        if (reusable) keep();
-        else drop();
-    }
-
-private:
-    webChannel& m_channel;
-    connection*& m_conn;
-    threadData* m_worker;
-    bool m_keep = false;
-    bool m_dropped = false;
-};
 
 // The target file of one attempt, closed when the attempt ends; close()
 // tells whether the last buffered bytes reached the disk.
@@ -105,8 +75,15 @@ FILE* openFresh(const std::string& path) {
 struct Attempt {
     Attempt(webChannel& channel_, connection*& conn_, std::string& url_, const std::string& file_, httpGetJob* job_,
             threadData* record_, int& attempts_)
-        : channel(channel_), conn(conn_), url(url_), file(file_), job(job_), record(record_), attempts(attempts_),
-          thread(record_ != nullptr ? record_->index : 0), target(file_.c_str()) {}
+        : channel(channel_),
+          conn(conn_),
+          url(url_),
+          file(file_),
+          job(job_),
+          record(record_),
+          attempts(attempts_),
+          thread(record_ != nullptr ? record_->index : 0),
+          target(file_.c_str()) {}
     webChannel& channel;
     connection*& conn;
     std::string& url;
@@ -190,8 +167,8 @@ Stop takeConnection(Attempt& a) {
     // The URL itself goes to the pool, so that its scheme decides TLS.
     a.conn = a.channel.open(a.url, a.record, false, &opened);
     if (webChannel::logging())
-        webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): opened connection %x, socket %d",
-                        a.thread, a.target, (unsigned)(uintptr_t)a.conn, a.conn != nullptr ? a.conn->socket : 0);
+        webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): opened connection %x, socket %d", a.thread,
+                        a.target, (unsigned)(uintptr_t)a.conn, a.conn != nullptr ? a.conn->socket : 0);
     if (a.conn != nullptr) return std::nullopt;
     if (opened == kPeerClosed) {
         ++a.attempts;
@@ -251,8 +228,7 @@ Stop readResponseHead(Attempt& a, ConnectionLease& lease) {
     a.received = a.channel.readHead(a.conn, a.buffer, kMaxRead, lastRead);
     if (a.received == 0 || (a.received == -1 && webChannel::isReset())) {
         if (webChannel::logging())
-            webChannel::log("Going to repeat download. RECV\n%d : %d\n", a.received,
-                            atomicLoad(a.channel.m_errorCode));
+            webChannel::log("Going to repeat download. RECV\n%d : %d\n", a.received, atomicLoad(a.channel.m_errorCode));
         lease.drop();
         ++a.attempts;
         return kRepeat;
@@ -289,8 +265,8 @@ Stop judgeStatus(Attempt& a, ConnectionLease& lease) {
     }
     if (isRedirectStatus(a.code)) {
         if (webChannel::logging())
-            webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): redirecting to %s", a.thread,
-                            a.target, a.conn->location.c_str());
+            webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): redirecting to %s", a.thread, a.target,
+                            a.conn->location.c_str());
         lease.keepIf(a.leftOnWire() == 0);
         a.attempts = redirectedAttempts(a.attempts);
         return kRepeat;
@@ -298,8 +274,8 @@ Stop judgeStatus(Attempt& a, ConnectionLease& lease) {
     if (a.code < 300 && a.job != nullptr && atomicLoad(a.job->size) == 0) {
         // "intitializing" is spelled as hosts' log filters expect it.
         if (webChannel::logging())
-            webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): intitializing job size to %d",
-                            a.thread, a.target, (int)a.contentLength);
+            webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): intitializing job size to %d", a.thread,
+                            a.target, (int)a.contentLength);
         if (a.contentLength > 0) atomicStore(a.job->size, a.contentLength);
     }
     return std::nullopt;
@@ -429,9 +405,10 @@ int complete(Attempt& a, Body& body, ConnectionLease& lease, long long written) 
 // attempt.
 int incomplete(Attempt& a, Body& body, ConnectionLease& lease, long long written) {
     if (webChannel::logging())
-        webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): processing incomplete download: "
-                        "downloaded %lld bytes with code %d, %lld bytes remaining",
-                        a.thread, a.target, written, body.lastRead, body.remaining);
+        webChannel::log(
+            "VRAXSecureWebChannel::httpGet(thread %d, file %s): processing incomplete download: "
+            "downloaded %lld bytes with code %d, %lld bytes remaining",
+            a.thread, a.target, written, body.lastRead, body.remaining);
     lease.drop();  // whatever is left of the response is unusable
     if (body.dumped != kOk) return body.dumped;
     if (body.lastRead == -1 && body.resetSeen) {

@@ -2,10 +2,12 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
 #include "http/response.h"
+#include "transport/connection_lease.h"
 #include "transport/sigpipe.h"
 
 namespace {
@@ -13,6 +15,11 @@ namespace {
 // A redirect loop in memory never changes the URL, so it has no natural
 // end; the host gets an answer after this many redirects.
 constexpr int kMaxMemoryRedirects = 30;
+// Counted attempts of an in-memory GET (dropped connections, empty answers).
+constexpr int kMaxMemoryAttempts = 3;
+// An in-memory answer is what one read of this many bytes (less the
+// terminating zero) brings.
+constexpr int kMemoryAnswerBuffer = 4096;
 
 }  // namespace
 
@@ -55,7 +62,8 @@ int webChannel::httpGet(const char* url) {
         int before = attempts;
         // The same URL every time, also after a redirect.
         result = httpGetResponse(conn, url, attempts);
-        if (result == kRepeat && attempts == redirectedAttempts(before) && ++redirects > kMaxMemoryRedirects) result = kTooManyAttempts;
+        if (result == kRepeat && attempts == redirectedAttempts(before) && ++redirects > kMaxMemoryRedirects)
+            result = kTooManyAttempts;
     } while (result == kRepeat);
     releaseRetired();
     if (result < 0) setError(result);
@@ -67,58 +75,85 @@ const char* webChannel::httpResponse(long long* length) {
     return m_response.c_str();
 }
 
-int webChannel::httpGetResponse(connection*& conn, std::string url, int& attempts) {
-    if (attempts >= 3) return kTooManyAttempts;
-    if (isCancelled()) return kCancelled;
-    std::string host, port, path;
-    bool parsed = parseURL(url, nullptr, host, port, path, nullptr);
-    if (!parsed && conn == nullptr) return kInvalidArgument;
-    if (parsed) {
-        int opened = kOk;
-        conn = open(host + ":" + port, nullptr, false, &opened);
-        if (logging())
-            log("VRAXSecureWebChannel::httpGet: opened connection %x, socket %d", (unsigned)(uintptr_t)conn,
-                conn != nullptr ? conn->socket : 0);
-        if (conn == nullptr) {
-            if (opened == kPeerClosed) {
-                ++attempts;
-                return kRepeat;
-            }
-            return opened;
-        }
-    }
-    AccessParams params = paramsSnapshot();
-    httpRequest request("GET", conn->host + ":" + conn->port, path.empty() ? "/" : path, nullptr, &params);
-    std::string text = request.str();
-    if (logging()) log("SENT\n%s\n", text.c_str());
-    int written = writeAll(conn, text);
-    if (written == 0 || (written == -1 && isDropped())) {
-        if (logging()) log("SENT\n%d : %d\n", written, errorCode());
-        dropConnection(conn, nullptr);  // the retry needs a fresh connection
+namespace {
+
+// A step's verdict: a result to return at once, or nothing to go on.
+using Stop = std::optional<int>;
+
+// Takes a connection for host:port from the shared pool; a kept connection
+// the server closed meanwhile means "repeat".
+Stop takeShared(webChannel& channel, webChannel::connection*& conn, const std::string& key, int& attempts) {
+    int opened = kOk;
+    conn = channel.open(key, nullptr, false, &opened);
+    if (webChannel::logging())
+        webChannel::log("VRAXSecureWebChannel::httpGet: opened connection %x, socket %d", (unsigned)(uintptr_t)conn,
+                        conn != nullptr ? conn->socket : 0);
+    if (conn != nullptr) return std::nullopt;
+    if (opened == kPeerClosed) {
         ++attempts;
         return kRepeat;
     }
-    if (written < 0) {
-        dropConnection(conn, nullptr);
-        return kSendFailed;
-    }
+    return opened;
+}
 
-    char buffer[4096];
-    memset(buffer, 0, sizeof(buffer));
+Stop sendGet(webChannel& channel, ConnectionLease& lease, webChannel::connection* conn, const std::string& path,
+             int& attempts) {
+    AccessParams params = channel.paramsSnapshot();
+    webChannel::httpRequest request("GET", conn->host + ":" + conn->port, path.empty() ? "/" : path, nullptr, &params);
+    std::string text = request.str();
+    if (webChannel::logging()) webChannel::log("SENT\n%s\n", text.c_str());
+    int written = channel.writeAll(conn, text);
+    if (written == 0 || (written == -1 && webChannel::isDropped())) {
+        if (webChannel::logging()) webChannel::log("SENT\n%d : %d\n", written, webChannel::errorCode());
+        lease.drop();  // the retry needs a fresh connection
+        ++attempts;
+        return kRepeat;
+    }
+    if (written < 0) return kSendFailed;
+    return std::nullopt;
+}
+
+// Reads the answer: one block of at most `capacity` bytes, terminated.
+Stop readAnswer(webChannel& channel, ConnectionLease& lease, webChannel::connection* conn, char* buffer, int capacity,
+                int& received, int& attempts) {
     int lastRead = 0;
-    int received = readHead(conn, buffer, (int)sizeof(buffer) - 1, lastRead);
-    if (received == 0 || (received == -1 && isReset())) {
-        if (logging()) log("Going to repeat download. RECV\n%d : %d\n", received, errorCode());
-        dropConnection(conn, nullptr);
+    received = channel.readHead(conn, buffer, capacity, lastRead);
+    if (received == 0 || (received == -1 && webChannel::isReset())) {
+        if (webChannel::logging())
+            webChannel::log("Going to repeat download. RECV\n%d : %d\n", received, webChannel::errorCode());
+        lease.drop();
         ++attempts;
         return kRepeat;
     }
     if (received < 0) {
-        if (logging()) log("VRAXSecureWebChannel::httpGet: size: %lld", (long long)received);
-        dropConnection(conn, nullptr);
+        if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::httpGet: size: %lld", (long long)received);
         return kReadFailed;
     }
-    if (logging()) log("RECV\n%s\n", buffer);
+    if (webChannel::logging()) webChannel::log("RECV\n%s\n", buffer);
+    return std::nullopt;
+}
+
+}  // namespace
+
+int webChannel::httpGetResponse(connection*& conn, std::string url, int& attempts) {
+    if (attempts >= kMaxMemoryAttempts) return kTooManyAttempts;
+    if (isCancelled()) return kCancelled;
+    std::string host, port, path;
+    bool parsed = parseURL(url, nullptr, host, port, path, nullptr);
+    if (!parsed && conn == nullptr) return kInvalidArgument;
+    // Deliberate: with a connection in hand, a URL that does not parse reuses
+    // it with an empty path (the loop above never gets here: its first call
+    // has no connection, and it passes the same URL every time).
+    if (parsed) {
+        if (Stop stop = takeShared(*this, conn, host + ":" + port, attempts)) return *stop;
+    }
+    ConnectionLease lease(*this, conn, nullptr);
+    if (Stop stop = sendGet(*this, lease, conn, path, attempts)) return *stop;
+
+    char buffer[kMemoryAnswerBuffer];
+    memset(buffer, 0, sizeof(buffer));
+    int received = 0;
+    if (Stop stop = readAnswer(*this, lease, conn, buffer, (int)sizeof(buffer) - 1, received, attempts)) return *stop;
     int code = 0;
     long long headerLength = 0, contentLength = 0;
     ResponseHead head;
@@ -127,9 +162,8 @@ int webChannel::httpGetResponse(connection*& conn, std::string url, int& attempt
     if (logging()) log("VRAXSecureWebChannel::httpGet: code %d, size %lld bytes", code, contentLength);
     // Only what the first read brought is used; whatever else the server
     // sends would be taken for the next response, so such a connection goes.
-    bool consumed = parsedHead == kOk && head.contentLengthSeen && head.headerLength > 0 &&
-                    head.contentLength >= 0 && head.contentLength == received - head.headerLength;
-    if (!consumed) dropConnection(conn, nullptr);
+    lease.keepIf(parsedHead == kOk && head.contentLengthSeen && head.headerLength > 0 && head.contentLength >= 0 &&
+                 head.contentLength == received - head.headerLength);
     if (parsedHead < 0 || code < 200 || code > 399) return kBadStatus;
     if (code < 300) {
         getHttpResponseBody(buffer, m_response);
