@@ -51,6 +51,7 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
             return kInvalidArgument;
         }
     }
+    // No blank after the colon: the line stays as hosts' log filters match it.
     if (logging()) log("VRAXSecureWebChannel::addJob:file is %s", file);
 
     httpGetJob job;

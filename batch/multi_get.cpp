@@ -36,6 +36,7 @@ int webChannel::httpMultiGet(bool finalize) {
     int pending = 0;
     for (const httpGetJob& job : m_httpGetJobs) {
         if (urlCounter(job.url) < 0) continue;
+        // The line's own line feed (an empty line follows it) is kept as logs have always shown it.
         if (logging()) log("VRAXSecureWebChannel::httpMultiGet: pending=%d\n", pending);
         ++pending;
     }

@@ -33,6 +33,8 @@ using Stop = std::optional<int>;
 // Pause before a counted repeat, so that a server that keeps dropping the
 // connection is not hammered.
 constexpr unsigned kRepeatPauseSeconds = 2;
+// The Range value is rendered into a buffer of this size.
+constexpr size_t kRangeTextBuffer = 4096;
 
 // The target file of one attempt, closed when the attempt ends; close()
 // tells whether the last buffered bytes reached the disk.
@@ -198,7 +200,7 @@ std::string requestText(Attempt& a, const std::string& host, const std::string& 
     webChannel::httpRequest request("GET", a.conn->host + ":" + a.conn->port, requestTarget, nullptr, params);
     a.ranged = a.job != nullptr && a.job->end > 0;
     if (a.ranged) {
-        char range[4096];
+        char range[kRangeTextBuffer];
         snprintf(range, sizeof(range), "bytes=%lld-%lld", a.job->start, a.job->end);
         request.headers["Range"] = range;
     }

@@ -6,6 +6,13 @@
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
 
+namespace {
+
+// Bytes read from the file per digest update.
+constexpr size_t kDigestBlock = 65536;
+
+}  // namespace
+
 std::string webChannel::checksum(std::string file, std::string algorithm) {
     const EVP_MD* digest = EVP_get_digestbyname(algorithm.c_str());
     if (digest == nullptr) {
@@ -19,7 +26,7 @@ std::string webChannel::checksum(std::string file, std::string algorithm) {
     }
     EVP_MD_CTX* context = EVP_MD_CTX_create();
     EVP_DigestInit_ex(context, digest, nullptr);
-    unsigned char block[65536];
+    unsigned char block[kDigestBlock];
     size_t count;
     while ((count = fread(block, 1, sizeof(block), input)) > 0) EVP_DigestUpdate(context, block, count);
     unsigned char value[EVP_MAX_MD_SIZE];

@@ -52,38 +52,31 @@ long long webChannel::handleProgress(long long lastReported, long long done, lon
         result = bytesDone / kProgressStep;
     }
 
-    // The job to blame: the first pending job of the first worker that
-    // failed for a reason other than cancellation.
+    bool cancel = false;
+    handler(cancel, failedJobs, bytesDone, bytesTotal, blamedJob(indexed), atomicLoad(m_handlerData));
+    return cancel ? -1 : result;
+}
+
+int webChannel::blamedJob(bool indexed) {
+    // The first pending job of the first worker that failed for a reason
+    // other than cancellation.
     const std::string* blamed = nullptr;
     for (threadData* record : m_batch) {
         int code = atomicLoad(record->error);
         if (code == 0 || code == kCancelled) continue;
-        for (size_t j = 0; j < record->jobs.size(); ++j) {
-            if (workerCounter(record, j) >= 0) {
-                blamed = &record->jobs[j].url;
-                break;
-            }
+        for (size_t j = 0; j < record->jobs.size() && blamed == nullptr; ++j) {
+            long counter = indexed ? atomicLoad(*record->counters[j]) : urlCounter(record->jobs[j].url);
+            if (counter >= 0) blamed = &record->jobs[j].url;
         }
         if (blamed != nullptr) break;
     }
-    int jobIndex = -1;
-    if (blamed != nullptr) {
-        // While a batch runs the index is in step with the list and nobody
-        // changes it; otherwise it may be stale, and the list is searched.
-        auto position = indexed ? m_jobIndex.find(*blamed) : m_jobIndex.end();
-        if (position != m_jobIndex.end()) {
-            jobIndex = (int)position->second;
-        } else {
-            for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
-                if (m_httpGetJobs[i].url == *blamed) {
-                    jobIndex = (int)i;
-                    break;
-                }
-            }
-        }
+    if (blamed == nullptr) return -1;
+    // While a batch runs the index is in step with the list and nobody
+    // changes it; otherwise it may be stale, and the list is searched.
+    auto position = indexed ? m_jobIndex.find(*blamed) : m_jobIndex.end();
+    if (position != m_jobIndex.end()) return (int)position->second;
+    for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
+        if (m_httpGetJobs[i].url == *blamed) return (int)i;
     }
-
-    bool cancel = false;
-    handler(cancel, failedJobs, bytesDone, bytesTotal, jobIndex, atomicLoad(m_handlerData));
-    return cancel ? -1 : result;
+    return -1;
 }

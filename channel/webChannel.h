@@ -189,6 +189,8 @@ public:
 
     // ---- channel/: progress (progress.cpp) ----
     long long handleProgress(long long lastReported, long long done, long long total, int mode);
+    // Position in m_httpGetJobs of the job a failed worker was on, or -1.
+    int blamedJob(bool indexed);
 
     // ---- transport/: URL parsing and host-address cache (url.cpp, address_cache.cpp) ----
     bool parseURL(std::string url, unsigned long* address, std::string& host, std::string& port, std::string& path,

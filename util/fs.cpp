@@ -34,9 +34,12 @@ bool write_all(int fd, const char* data, size_t size) {
     return true;
 }
 
+// Bytes moved per read when copying a file.
+constexpr size_t kCopyBlock = 64 * 1024;
+
 // Copies every byte of `in` to `out`; false on any read or write error.
 bool copy_contents(int in, int out) {
-    std::vector<char> buffer(64 * 1024);
+    std::vector<char> buffer(kCopyBlock);
     for (;;) {
         const ssize_t got = ::read(in, buffer.data(), buffer.size());
         if (got < 0) {
