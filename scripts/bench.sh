@@ -223,8 +223,8 @@ make_data() {
   mkdir -p "$tmp/big" "$tmp/medium" "$tmp/small"
   prng "$GIB" 1 >"$tmp/big/big-1g.bin"
   prng $((256 * MIB)) 4 >"$tmp/big/big-256m.bin"
-  prng $((64 * 16 * MIB)) 2 | split -b 16M -a 2 -d --additional-suffix=.bin - "$tmp/medium/m"
-  prng $((4096 * 16384)) 3 | split -b 16384 -a 4 -d --additional-suffix=.bin - "$tmp/small/s"
+  prng_files 64 $((16 * MIB)) 2 2 "$tmp/medium/m"
+  prng_files 4096 16384 3 4 "$tmp/small/s"
   # shellcheck disable=SC2046
   (cd "$tmp" && sha256sum $(all_sources | cut -d ' ' -f 1) >SHA256SUMS)
   echo "$DATA_VERSION" >"$tmp/.stamp"

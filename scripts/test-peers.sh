@@ -268,7 +268,7 @@ make_data() {
   if [[ $n -ne 10000 ]] || ! size_is "$small/f09999.bin" 1024; then
     rm -rf "$small" "$small.tmp"
     mkdir -p "$small.tmp"
-    prng $((10000 * 1024)) 6 | (cd "$small.tmp" && split -b 1024 -a 5 -d --additional-suffix=.bin - f)
+    prng_files 10000 1024 6 5 "$small.tmp/f"
     mv "$small.tmp" "$small"
   fi
 }

@@ -12,6 +12,12 @@ prng() { # <bytes> <iv-number>
   head -c "$1" /dev/zero | openssl enc -aes-128-ctr -K "$PRNG_KEY" -iv "$(printf '%032x' "$2")"
 }
 
+# <count> files of <bytes> each, cut from one stream: <prefix>00.bin ... with
+# <digits> digits, numbered from 0.
+prng_files() { # <count> <bytes> <iv-number> <digits> <prefix>
+  prng $(($1 * $2)) "$3" | split -b "$2" -a "$4" -d --additional-suffix=.bin - "$5"
+}
+
 # Makes a self-signed RSA-2048 certificate for CN=localhost and the given
 # subjectAltName, unless a pair valid for at least another day is there.
 # openssl's messages go to <log>; fails when openssl does.
