@@ -14,9 +14,7 @@
 webChannel::webChannel()
     : m_sslContext(nullptr),
       m_httpProxyAddress(0),
-      m_httpProxySecure(false),
       m_httpsProxyAddress(0),
-      m_httpsProxySecure(false),
       m_buffer(nullptr),
       m_handler(nullptr),
       m_handlerData(nullptr),

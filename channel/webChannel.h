@@ -209,6 +209,11 @@ public:
     connection* open(std::string url, threadData* worker, bool reconnect, int* result = nullptr);
     void closeSocket(connection* conn);
     void closeSSL(connection* conn);
+    // Ends a connection (TLS session first, then socket and waiters); the
+    // record stays, for callers that may still hold it.
+    void closeConnection(connection* conn);
+    // Ends a connection and frees its record.
+    void destroyConnection(connection* conn);
     int prepareSocket(connection* conn, bool forWriting);
     // Closes a connection and takes it out of its pool, so that the next
     // open() makes a fresh one; the record stays valid until the pool is emptied.
@@ -252,6 +257,8 @@ public:
     // Releases shared-pool records retired during a single request.
     void releaseRetired();
     int httpPost(connection* conn, const char* url, char* headers, char* body, bool flag);
+    // Posts again to a 301/307/308 answer's location (other redirects fail).
+    int followRedirect(connection* conn, int code, char* headers, char* body);
 
     // ---- http/: body transfer (body.cpp) ----
     int dump(FILE* file, char* buf, long long len, long long& offset, long long& remaining, int mode, httpGetJob* job);
@@ -306,11 +313,9 @@ public:
     unsigned long m_httpProxyAddress;
     std::string m_httpProxyHost;
     std::string m_httpProxyPort;
-    bool m_httpProxySecure;
     unsigned long m_httpsProxyAddress;
     std::string m_httpsProxyHost;
     std::string m_httpsProxyPort;
-    bool m_httpsProxySecure;
     char* m_buffer;
     ProgressHandler m_handler;
     void* m_handlerData;

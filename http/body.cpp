@@ -2,6 +2,7 @@
 #include "http/body.h"
 
 #include <cstring>
+#include <optional>
 
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
@@ -67,127 +68,161 @@ ChunkSize scanChunkSize(const char* text, size_t length) {
     return result;
 }
 
-int webChannel::dump(FILE* file, char* buf, long long len, long long& offset, long long& remaining, int mode,
-                     httpGetJob* job) {
-    if (mode == 0) {
-        if (len <= 0) return kOk;
-        long long count = len - offset;
-        // The target belongs to one worker: no stdio locking is needed.
-        size_t written = count > 0 ? fwrite_unlocked(buf + offset, 1, (size_t)count, file) : 0;
-        if (job != nullptr) atomicAdd(job->downloaded, (long long)written);
-        remaining -= (long long)written;
-        offset = 0;
-        return (long long)written < count ? kFileWrite : kOk;
+namespace {
+
+// A step's verdict: a result to return at once, or nothing to go on.
+using Stop = std::optional<int>;
+
+// Adds the bytes written in one call to the job's count once, on return:
+// other workers read that count, and small chunks must not each pay for an
+// atomic update.
+class CountOnReturn {
+public:
+    CountOnReturn(webChannel::httpGetJob* job, const long long& bytes) : m_job(job), m_bytes(bytes) {}
+    ~CountOnReturn() {
+        if (m_job != nullptr && m_bytes != 0) atomicAdd(m_job->downloaded, m_bytes);
     }
-    if (mode != kChunked) return kOk;
+    CountOnReturn(const CountOnReturn&) = delete;
+    CountOnReturn& operator=(const CountOnReturn&) = delete;
 
-    // Chunked mode. On return `offset` is the number of bytes carried over to
-    // the start of `buf` (an incomplete size line, or an incomplete chunk that
-    // fits the buffer); the caller appends the next read behind them.
-    if (len <= 0) return kOk;
-    if (remaining < 1) remaining = 1;
-    long long p = offset;
+private:
+    webChannel::httpGetJob* m_job;
+    const long long& m_bytes;
+};
 
-    // Carries the bytes from `from` to the end to the start of the buffer.
-    auto carry = [&](long long from) {
+// One chunked dump call: the buffer `buf[0, len)`, the read position `p`,
+// and the caller's carry-over `offset` and decoder state `remaining`.
+struct ChunkedDump {
+    FILE* file;
+    char* buf;
+    long long len;
+    long long& offset;
+    long long& remaining;
+    long long p;
+    long long written = 0;
+
+    bool write(long long from, long long count) {
+        size_t done = count > 0 ? fwrite_unlocked(buf + from, 1, (size_t)count, file) : 0;
+        written += (long long)done;
+        return (long long)done == count;
+    }
+    // Carries the bytes from `from` to the end to the start of the buffer;
+    // the caller appends the next read behind them.
+    int carry(long long from) {
         if (from > 0 && from < len) {
             memmove(buf, buf + from, (size_t)(len - from));
-            if (logging()) log("webChannel::dump: copied %lld bytes from offset %lld", len - from, from);
+            if (webChannel::logging())
+                webChannel::log("webChannel::dump: copied %lld bytes from offset %lld", len - from, from);
         }
         offset = len - from;
         return kOk;
-    };
-    // The bytes written in this call reach the job's count once, on return:
-    // other workers read that count, and small chunks must not each pay for
-    // an atomic update.
-    struct Counted {
-        httpGetJob* job;
-        long long bytes;
-        ~Counted() {
-            if (job != nullptr && bytes != 0) atomicAdd(job->downloaded, bytes);
-        }
-    } counted{job, 0};
-    auto writeData = [&](long long from, long long count) {
-        size_t written = count > 0 ? fwrite_unlocked(buf + from, 1, (size_t)count, file) : 0;
-        counted.bytes += (long long)written;
-        return (long long)written == count;
-    };
-
-    if (remaining >= kInChunk) {
-        // The rest of a chunk that was too large for the buffer.
-        long long pending = remaining - kInChunk;
-        long long take = len - p < pending ? len - p : pending;
-        if (!writeData(p, take)) return kFileWrite;
-        p += take;
-        pending -= take;
-        remaining = kInChunk + pending;
-        if (pending > 0) {
-            offset = 0;
-            return kOk;
-        }
-        if (len - p < 2) return carry(p);
-        if (buf[p] != '\r' || buf[p + 1] != '\n') return kMalformedResponse;
-        p += 2;
-        remaining = 1;
     }
-    if (p >= len) {
+    int consumedAll() {
         offset = 0;
         return kOk;
     }
+};
 
+int dumpPlain(FILE* file, char* buf, long long len, long long& offset, long long& remaining,
+              webChannel::httpGetJob* job) {
+    if (len <= 0) return kOk;
+    long long count = len - offset;
+    // The target belongs to one worker: no stdio locking is needed.
+    size_t written = count > 0 ? fwrite_unlocked(buf + offset, 1, (size_t)count, file) : 0;
+    if (job != nullptr) atomicAdd(job->downloaded, (long long)written);
+    remaining -= (long long)written;
+    offset = 0;
+    return (long long)written < count ? kFileWrite : kOk;
+}
+
+// The rest of a chunk that was too large for the buffer, and its CR LF.
+Stop finishLargeChunk(ChunkedDump& d) {
+    long long pending = d.remaining - kInChunk;
+    long long take = d.len - d.p < pending ? d.len - d.p : pending;
+    if (!d.write(d.p, take)) return kFileWrite;
+    d.p += take;
+    pending -= take;
+    d.remaining = kInChunk + pending;
+    if (pending > 0) return d.consumedAll();
+    if (d.len - d.p < 2) return d.carry(d.p);
+    if (d.buf[d.p] != '\r' || d.buf[d.p + 1] != '\n') return kMalformedResponse;
+    d.p += 2;
+    d.remaining = 1;
+    return std::nullopt;
+}
+
+// A chunk whose data has not all arrived. It is written whole once it has
+// arrived with its CR LF, unless it could never fit the buffer: then its
+// data is written as it comes, and the buffer never overflows.
+int partialChunk(ChunkedDump& d, long long data, long long size) {
+    if (webChannel::logging())
+        webChannel::log("webChannel::dump: needed %x, current %x (len %lld, data offset %x, data len %ld)",
+                        (unsigned)(data + size + 2), (unsigned)d.len, d.len, (unsigned)data, (long)size);
+    if (size <= kMaxRead - 2 - (data - d.p)) return d.carry(d.p);
+    long long take = d.len - data < size ? d.len - data : size;
+    if (!d.write(data, take)) return kFileWrite;
+    d.remaining = kInChunk + (size - take);
+    if (take < size) return d.consumedAll();
+    return d.carry(data + take);  // part of the CR LF
+}
+
+// One size line and its chunk. Nothing to go on with when the chunk was
+// written whole and more bytes follow.
+Stop nextChunk(ChunkedDump& d) {
+    ChunkSize scanned = scanChunkSize(d.buf + d.p, (size_t)(d.len - d.p));
+    if (webChannel::logging())
+        webChannel::log("webChannel::dump: started iteration from offset %lld, next chunk is %ld bytes long", d.p,
+                        (long)scanned.size);
+    if (scanned.status == ChunkSize::kOutOfRange) return kBadChunkSize;
+    if (scanned.status == ChunkSize::kIncomplete) {
+        if (d.len - d.p > kMaxSizeLine) return kMalformedResponse;
+        return d.carry(d.p);
+    }
+    if (scanned.size == 0) {
+        if (d.buf[d.p] != '0') return kMalformedResponse;
+        // The last chunk: trailers and the final blank line are not read.
+        d.remaining = 0;
+        return d.consumedAll();
+    }
+    // The size line ends at the first line feed; an extension before it is
+    // skipped unread.
+    long long feed = d.p + (long long)scanned.end;
+    while (feed < d.len && d.buf[feed] != '\n') {
+        if (d.buf[feed] == 0) return kMalformedResponse;
+        ++feed;
+    }
+    if (feed == d.len) {
+        if (d.len - d.p > kMaxSizeLine) return kMalformedResponse;
+        return d.carry(d.p);
+    }
+    long long data = feed + 1;
+    long long size = scanned.size;
+    if (size > d.len - data - 2) return partialChunk(d, data, size);
+    if (!d.write(data, size)) return kFileWrite;
+    if (d.buf[data + size] != '\r' || d.buf[data + size + 1] != '\n') return kMalformedResponse;
+    d.p = data + size + 2;
+    if (d.p >= d.len) return d.consumedAll();
+    return std::nullopt;
+}
+
+}  // namespace
+
+int webChannel::dump(FILE* file, char* buf, long long len, long long& offset, long long& remaining, int mode,
+                     httpGetJob* job) {
+    if (mode == 0) return dumpPlain(file, buf, len, offset, remaining, job);
+    if (mode != kChunked) return kOk;
+    // Chunked mode. On return `offset` is the number of bytes carried over to
+    // the start of `buf` (an incomplete size line, or an incomplete chunk that
+    // fits the buffer).
+    if (len <= 0) return kOk;
+    if (remaining < 1) remaining = 1;
+    ChunkedDump d{file, buf, len, offset, remaining, offset};
+    CountOnReturn counted(job, d.written);
+    if (remaining >= kInChunk) {
+        if (Stop stop = finishLargeChunk(d)) return *stop;
+    }
+    if (d.p >= len) return d.consumedAll();
     for (;;) {
-        ChunkSize scanned = scanChunkSize(buf + p, (size_t)(len - p));
-        if (logging())
-            log("webChannel::dump: started iteration from offset %lld, next chunk is %ld bytes long", p,
-                (long)scanned.size);
-        if (scanned.status == ChunkSize::kOutOfRange) return kBadChunkSize;
-        if (scanned.status == ChunkSize::kIncomplete) {
-            if (len - p > kMaxSizeLine) return kMalformedResponse;
-            return carry(p);
-        }
-        if (scanned.size == 0) {
-            if (buf[p] != '0') return kMalformedResponse;
-            // The last chunk: trailers and the final blank line are not read.
-            remaining = 0;
-            offset = 0;
-            return kOk;
-        }
-        // The size line ends at the first line feed; an extension before it
-        // is skipped unread.
-        long long feed = p + (long long)scanned.end;
-        while (feed < len && buf[feed] != '\n') {
-            if (buf[feed] == 0) return kMalformedResponse;
-            ++feed;
-        }
-        if (feed == len) {
-            if (len - p > kMaxSizeLine) return kMalformedResponse;
-            return carry(p);
-        }
-        long long data = feed + 1;
-        long long size = scanned.size;
-        if (size > len - data - 2) {
-            if (logging())
-                log("webChannel::dump: needed %x, current %x (len %lld, data offset %x, data len %ld)",
-                    (unsigned)(data + size + 2), (unsigned)len, len, (unsigned)data, (long)size);
-            // A chunk is written whole once it has arrived with its CR LF,
-            // unless it could never fit the buffer: then its data is written
-            // as it comes, and the buffer never overflows.
-            if (size <= kMaxRead - 2 - (data - p)) return carry(p);
-            long long take = len - data < size ? len - data : size;
-            if (!writeData(data, take)) return kFileWrite;
-            remaining = kInChunk + (size - take);
-            if (take < size) {
-                offset = 0;
-                return kOk;
-            }
-            return carry(data + take);  // part of the CR LF
-        }
-        if (!writeData(data, size)) return kFileWrite;
-        if (buf[data + size] != '\r' || buf[data + size + 1] != '\n') return kMalformedResponse;
-        p = data + size + 2;
-        if (p >= len) {
-            offset = 0;
-            return kOk;
-        }
+        if (Stop stop = nextChunk(d)) return *stop;
     }
 }

@@ -2,30 +2,70 @@
 // httpResponse.
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "channel/webChannel.h"
 #include "http/response.h"
+#include "transport/connection_lease.h"
 
 namespace {
 
 // Each followed redirect posts again; a server that redirects forever gets
 // an answer after this many.
 constexpr int kMaxPostRedirects = 30;
+// Room for the Content-Length value of any body.
+constexpr size_t kLengthText = 32;
 
 }  // namespace
 
 int webChannel::httpPost(const char* url, char* headers, char* body, bool flag) {
-    m_errorCode = 0;
-    m_errorMessage.clear();
-    m_errorContext.clear();
+    clearError();
     int result = httpPost(nullptr, url, headers, body, flag);
     releaseRetired();
     if (result < 0) setError(result);
     return result;
 }
 
+namespace {
+
+// A step's verdict: a result to return at once, or nothing to go on.
+using Stop = std::optional<int>;
+
+Stop sendPost(webChannel& channel, webChannel::connection* conn, const std::string& path, char* headers,
+              const char* body) {
+    AccessParams params = channel.paramsSnapshot();
+    webChannel::httpRequest request("POST", conn->host + ":" + conn->port, path.empty() ? "/" : path, headers,
+                                    &params);
+    char length[kLengthText];
+    snprintf(length, sizeof(length), "%lld", (long long)strlen(body));
+    request.headers["Content-Length"] = length;
+    if (channel.writeAll(conn, request.str() + body) < 1) return kSendFailed;
+    return std::nullopt;
+}
+
+// Reads the rest of a successful answer, until the server closes or goes
+// quiet for the transfer time-out. `expected` is what the announced length
+// still asks for.
+int readRest(webChannel& channel, ConnectionLease& lease, webChannel::connection* conn, std::string& answer,
+             long long expected) {
+    char* buffer = channel.m_buffer;
+    for (;;) {
+        int more = channel.read(conn, buffer, kMaxRead, 0, false);
+        if (more <= 0) {
+            // A peer that closed leaves nothing to reuse.
+            lease.keepIf(more == -2);
+            break;
+        }
+        buffer[more] = 0;
+        expected -= more;
+        answer.append(buffer, strnlen(buffer, (size_t)more));
+    }
+    return expected > 0 ? kReadFailed : kOk;
+}
+
+}  // namespace
+
 int webChannel::httpPost(connection* conn, const char* url, char* headers, char* body, bool flag) {
-    static thread_local int depth = 0;
     if (url == nullptr || body == nullptr) return kInvalidArgument;
     if (m_buffer == nullptr) return kInvalidArgument;  // init() has not sized the buffers
     std::string host, port, path;
@@ -36,24 +76,13 @@ int webChannel::httpPost(connection* conn, const char* url, char* headers, char*
         conn = open(host + ":" + port, nullptr, flag, &opened);
         if (conn == nullptr) return opened;
     }
-    AccessParams params = paramsSnapshot();
-    httpRequest request("POST", conn->host + ":" + conn->port, path.empty() ? "/" : path, headers, &params);
-    char length[32];
-    snprintf(length, sizeof(length), "%lld", (long long)strlen(body));
-    request.headers["Content-Length"] = length;
-    std::string text = request.str() + body;
-    if (writeAll(conn, text) < 1) {
-        dropConnection(conn, nullptr);
-        return kSendFailed;
-    }
+    ConnectionLease lease(*this, conn, nullptr);
+    if (Stop stop = sendPost(*this, conn, path, headers, body)) return *stop;
 
     char* buffer = m_buffer;
     int lastRead = 0;
     int received = readHead(conn, buffer, kMaxRead, lastRead);
-    if (received <= 0 || buffer[0] == 0) {
-        dropConnection(conn, nullptr);
-        return kReadFailed;
-    }
+    if (received <= 0 || buffer[0] == 0) return kReadFailed;
     buffer[received] = 0;
     int code = 0;
     long long headerLength = 0, contentLength = 0;
@@ -63,43 +92,38 @@ int webChannel::httpPost(connection* conn, const char* url, char* headers, char*
     if (parsedHead != kOk || code < 200 || code > 399) {
         m_response = std::string(head);
         if (logging()) log("VRAXSecureWebChannel::httpPost: %s", m_response.c_str());
-        dropConnection(conn, nullptr);
         return kBadStatus;
     }
     if (code >= 300) {
         // The rest of the redirect's answer is not read: that connection goes.
-        dropConnection(conn, nullptr);
-        if (code != 301 && code != 307 && code != 308) return kBadStatus;
-        if (depth >= kMaxPostRedirects) return kTooManyAttempts;
-        // The parser left the target in m_response (no connection given). A
-        // target without scheme and port goes to the same server, on a
-        // fresh connection since the old one still holds the redirect's body.
-        std::string target = m_response;
-        std::string targetHost, targetPort, targetPath;
-        if (!parseURL(target, nullptr, targetHost, targetPort, targetPath, nullptr))
-            target = conn->host + ":" + conn->port + (targetPath.empty() ? "/" : targetPath);
-        ++depth;
-        int result = httpPost(conn, target.c_str(), headers, body, false);
-        --depth;
-        return result;
+        lease.drop();
+        return followRedirect(conn, code, headers, body);
     }
-    if ((size_t)received >= m_response.max_size()) return kBadChunkSize;
+    if ((size_t)received >= m_response.max_size()) {
+        lease.keep();  // as it always was; a read never comes near this size
+        return kBadChunkSize;
+    }
     std::string answer(head);
-    // What the announced length still asks for beyond this read; written so
-    // that a length near 2^63 cannot overflow.
+    // Written so that a length near 2^63 cannot overflow.
     long long expected = contentLength < 0 ? contentLength : contentLength - (received - headerLength);
-    // Read until the server closes or goes quiet for the transfer time-out.
-    for (;;) {
-        int more = read(conn, buffer, kMaxRead, 0, false);
-        if (more <= 0) {
-            // A peer that closed leaves nothing to reuse.
-            if (more != -2) dropConnection(conn, nullptr);
-            break;
-        }
-        buffer[more] = 0;
-        expected -= more;
-        answer.append(buffer, strnlen(buffer, (size_t)more));
-    }
+    int result = readRest(*this, lease, conn, answer, expected);
     m_response = std::move(answer);
-    return expected > 0 ? kReadFailed : kOk;
+    return result;
+}
+
+int webChannel::followRedirect(connection* conn, int code, char* headers, char* body) {
+    static thread_local int depth = 0;
+    if (code != 301 && code != 307 && code != 308) return kBadStatus;
+    if (depth >= kMaxPostRedirects) return kTooManyAttempts;
+    // The parser left the target in m_response (no connection given). A
+    // target without scheme and port goes to the same server, on a fresh
+    // connection since the old one still holds the redirect's body.
+    std::string target = m_response;
+    std::string targetHost, targetPort, targetPath;
+    if (!parseURL(target, nullptr, targetHost, targetPort, targetPath, nullptr))
+        target = conn->host + ":" + conn->port + (targetPath.empty() ? "/" : targetPath);
+    ++depth;
+    int result = httpPost(conn, target.c_str(), headers, body, false);
+    --depth;
+    return result;
 }

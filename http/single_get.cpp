@@ -26,11 +26,7 @@ constexpr int kMemoryAnswerBuffer = 4096;
 void webChannel::releaseRetired() {
     // Retired shared-pool records are kept while a single request may still
     // hold one; between requests nobody does.
-    for (connection* conn : m_retiredConnections) {
-        closeSSL(conn);
-        closeSocket(conn);
-        delete conn;
-    }
+    for (connection* conn : m_retiredConnections) destroyConnection(conn);
     m_retiredConnections.clear();
 }
 

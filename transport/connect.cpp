@@ -1,5 +1,8 @@
 // Connecting a fresh connection record: socket, proxy choice, non-blocking
 // connect under the transfer time-out, readiness waiters.
+//
+// The socket, its waiters and the TLS session belong to the record: when a
+// step fails, open() tears the record down, so nothing here closes by hand.
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -11,21 +14,34 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
 #include "transport/poll_wait.h"
 #include "util/logging.h"
 
-int webChannel::initSocket(connection* conn, threadData* worker) {
-    (void)worker;
-    if (conn == nullptr) return kInvalidArgument;
-    if (logging()) log("VRAXSecureWebChannel::initSocket: started");
+namespace {
 
+constexpr long kMaxPort = 65535;
+
+// Where a fresh connection's socket goes: the target itself, or a proxy.
+struct Route {
+    unsigned long address = 0;  // network order; 0 = no proxy
+    std::string host;
+    std::string port;
+    bool viaProxy() const { return address != 0; }
+};
+
+// Makes the socket. Nagle's algorithm stays on (TCP_NODELAY is set to 0 on
+// purpose): a request goes out in one write, so it never waits on an
+// acknowledgement, and the setting is part of what servers have always seen.
+int createSocket(webChannel::connection* conn, int timeout) {
     conn->socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // Deliberate: descriptor 0 means "no socket" in every connection record
+    // (closeSocket and the pool test for it), so only 0 is taken as failure
+    // here; -1 fails the connect that follows instead.
     if (conn->socket == 0) return kSocketCreate;
     int nodelay = 0;
     setsockopt(conn->socket, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof(nodelay));
-
-    const int timeout = getProxyTimeout();
     if (conn->https) {
         // TLS runs on a blocking socket; these bound each of its reads and writes.
         timeval limit = {timeout, 0};
@@ -34,81 +50,36 @@ int webChannel::initSocket(connection* conn, threadData* worker) {
         result = setsockopt(conn->socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
         if (result != 0) print_log("setsockopt for SO_SNDTIMEO returned %d, errno = %d", result, errno);
     }
+    return kOk;
+}
 
-    unsigned long proxyAddress = conn->https ? m_httpsProxyAddress : m_httpProxyAddress;
-    std::string proxyHost = conn->https ? m_httpsProxyHost : m_httpProxyHost;
-    std::string proxyPort = conn->https ? m_httpsProxyPort : m_httpProxyPort;
-    bool proxySecure = conn->https ? m_httpsProxySecure : m_httpProxySecure;
-
-    std::string perHost;
-    if (hasParam(kParamProxyPerHost)) {
-        pthread_mutex_lock(&m_lock2);
-        std::string key = (conn->https ? "https://" : "http://") + conn->host;
-        if (m_proxyAnswers.count(key) == 0) m_proxyAnswers[key] = resolveProxy(conn->host, conn->https);
-        perHost = m_proxyAnswers[key];
-        pthread_mutex_unlock(&m_lock2);
-        proxyAddress = 0;
-        if (!perHost.empty()) {
-            std::string path;
-            parseURL(perHost, &proxyAddress, proxyHost, proxyPort, path, &proxySecure);
-        }
-    }
-    (void)proxySecure;
-
-    const bool viaProxy = proxyAddress != 0;
-    if (!viaProxy && conn->address == 0) {
-        // The pool skipped resolving the target because a proxy was
-        // configured, but that proxy is not in use: never connect to 0.0.0.0.
-        std::string host, port, path;
-        parseURL(conn->host + ":" + conn->port, &conn->address, host, port, path, nullptr);
-        if (conn->address == 0) return kProxyUnusable;
-    }
-    const std::string& port = viaProxy ? proxyPort : conn->port;
-    // A port text that is no port ("", "abc", "65616") must not turn into
-    // port 0 or wrap around to another port: it is a failed connect.
-    const long portNumber = atol(port.c_str());
-    if (portNumber < 1 || portNumber > 65535) {
-        if (logging()) log("VRAXSecureWebChannel::initSocket: connection error %d", EINVAL);
+// Connects without blocking longer than `timeout` seconds.
+int connectWithin(webChannel::connection* conn, int timeout) {
+    errno = 0;
+    if (::connect(conn->socket, reinterpret_cast<sockaddr*>(&conn->serverAddress), sizeof(conn->serverAddress)) == 0)
+        return kOk;
+    if (webChannel::isSocketError()) {
+        if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::initSocket: connection error %d", errno);
         return kConnectFailed;
     }
-    conn->serverAddress.sin_family = AF_INET;
-    conn->serverAddress.sin_port = htons((uint16_t)portNumber);
-    conn->serverAddress.sin_addr.s_addr = (in_addr_t)(viaProxy ? proxyAddress : conn->address);
-
-    int flags = fcntl(conn->socket, F_GETFL, 0);
-    fcntl(conn->socket, F_SETFL, flags | O_NONBLOCK);
-    if (logging()) log("VRAXSecureWebChannel::initSocket: switched to non-blocking mode with result %d", errno);
-
-    errno = 0;
-    if (::connect(conn->socket, reinterpret_cast<sockaddr*>(&conn->serverAddress), sizeof(conn->serverAddress)) ==
-        -1) {
-        if (isSocketError()) {
-            if (logging()) log("VRAXSecureWebChannel::initSocket: connection error %d", errno);
-            return kConnectFailed;
-        }
-        if (errno == EINPROGRESS) {
-            if (waitDescriptor(conn->socket, POLLOUT, timeout) < 1) {
-                if (logging()) log("VRAXSecureWebChannel::initSocket: connection timeout");
-                return kConnectFailed;
-            }
-            int error = 0;
-            socklen_t length = sizeof(error);
-            getsockopt(conn->socket, SOL_SOCKET, SO_ERROR, &error, &length);
-            if (error != 0) {
-                if (logging()) log("VRAXSecureWebChannel::initSocket: async connection error %d", error);
-                return kConnectFailed;
-            }
-            if (logging()) log("VRAXSecureWebChannel::initSocket: async connection is established");
-        }
+    if (errno != EINPROGRESS) return kOk;
+    if (waitDescriptor(conn->socket, POLLOUT, timeout) < 1) {
+        if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::initSocket: connection timeout");
+        return kConnectFailed;
     }
-    // TLS reads and writes block, bounded by the socket time-outs above;
-    // plain sockets stay non-blocking and are driven by the epoll waiters.
-    if (conn->https) fcntl(conn->socket, F_SETFL, flags & ~O_NONBLOCK);
+    int error = 0;
+    socklen_t length = sizeof(error);
+    getsockopt(conn->socket, SOL_SOCKET, SO_ERROR, &error, &length);
+    if (error != 0) {
+        if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::initSocket: async connection error %d", error);
+        return kConnectFailed;
+    }
+    if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::initSocket: async connection is established");
+    return kOk;
+}
 
-    if (logging())
-        log("VRAXSecureWebChannel::initSocket: socket %d(%x) is connected to %s:%d", conn->socket,
-            (unsigned)(uintptr_t)conn, viaProxy ? proxyHost.c_str() : conn->host.c_str(), atoi(port.c_str()));
-
+// The connection's two readiness waiters: input or hang-up, and writability.
+int makeWaiters(webChannel::connection* conn) {
     conn->readyEvents = 0;
     conn->readPoll = epoll_create1(EPOLL_CLOEXEC);
     if (conn->readPoll < 0) return kConnectFailed;
@@ -120,7 +91,75 @@ int webChannel::initSocket(connection* conn, threadData* worker) {
     if (conn->writePoll < 0) return kConnectFailed;
     event.events = EPOLLOUT;
     if (epoll_ctl(conn->writePoll, EPOLL_CTL_ADD, conn->socket, &event) != 0) return kConnectFailed;
+    return kOk;
+}
 
-    if (viaProxy && conn->https) return openTunnel(conn);
+// Picks the proxy (the configured one, or the per-host answer) or the target
+// itself, and fills in the socket address.
+int chooseRoute(webChannel& channel, webChannel::connection* conn, Route& route) {
+    route.address = conn->https ? channel.m_httpsProxyAddress : channel.m_httpProxyAddress;
+    route.host = conn->https ? channel.m_httpsProxyHost : channel.m_httpProxyHost;
+    route.port = conn->https ? channel.m_httpsProxyPort : channel.m_httpProxyPort;
+    if (channel.hasParam(kParamProxyPerHost)) {
+        std::string perHost;
+        {
+            ScopedLock lock(channel.m_lock2);
+            std::string key = (conn->https ? "https://" : "http://") + conn->host;
+            if (channel.m_proxyAnswers.count(key) == 0) channel.m_proxyAnswers[key] = channel.resolveProxy(conn->host, conn->https);
+            perHost = channel.m_proxyAnswers[key];
+        }
+        route.address = 0;
+        if (!perHost.empty()) {
+            std::string path;
+            bool secure = false;  // a proxy is always spoken to in plain HTTP
+            channel.parseURL(perHost, &route.address, route.host, route.port, path, &secure);
+        }
+    }
+    if (!route.viaProxy() && conn->address == 0) {
+        // The pool skipped resolving the target because a proxy was
+        // configured, but that proxy is not in use: never connect to 0.0.0.0.
+        std::string host, port, path;
+        channel.parseURL(conn->host + ":" + conn->port, &conn->address, host, port, path, nullptr);
+        if (conn->address == 0) return kProxyUnusable;
+    }
+    if (!route.viaProxy()) route.port = conn->port;
+    // A port text that is no port ("", "abc", "65616") must not turn into
+    // port 0 or wrap around to another port: it is a failed connect.
+    const long portNumber = atol(route.port.c_str());
+    if (portNumber < 1 || portNumber > kMaxPort) {
+        if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::initSocket: connection error %d", EINVAL);
+        return kConnectFailed;
+    }
+    conn->serverAddress.sin_family = AF_INET;
+    conn->serverAddress.sin_port = htons((uint16_t)portNumber);
+    conn->serverAddress.sin_addr.s_addr = (in_addr_t)(route.viaProxy() ? route.address : conn->address);
+    return kOk;
+}
+
+}  // namespace
+
+int webChannel::initSocket(connection* conn, threadData* worker) {
+    (void)worker;
+    if (conn == nullptr) return kInvalidArgument;
+    if (logging()) log("VRAXSecureWebChannel::initSocket: started");
+    const int timeout = getProxyTimeout();
+    int result = createSocket(conn, timeout);
+    if (result != kOk) return result;
+    Route route;
+    if ((result = chooseRoute(*this, conn, route)) != kOk) return result;
+
+    int flags = fcntl(conn->socket, F_GETFL, 0);
+    fcntl(conn->socket, F_SETFL, flags | O_NONBLOCK);
+    if (logging()) log("VRAXSecureWebChannel::initSocket: switched to non-blocking mode with result %d", errno);
+    if ((result = connectWithin(conn, timeout)) != kOk) return result;
+    // TLS reads and writes block, bounded by the socket time-outs above;
+    // plain sockets stay non-blocking and are driven by the epoll waiters.
+    if (conn->https) fcntl(conn->socket, F_SETFL, flags & ~O_NONBLOCK);
+    if (logging())
+        log("VRAXSecureWebChannel::initSocket: socket %d(%x) is connected to %s:%d", conn->socket,
+            (unsigned)(uintptr_t)conn, route.viaProxy() ? route.host.c_str() : conn->host.c_str(),
+            atoi(route.port.c_str()));
+    if ((result = makeWaiters(conn)) != kOk) return result;
+    if (route.viaProxy() && conn->https) return openTunnel(conn);
     return kOk;
 }

@@ -22,7 +22,7 @@ int waitEvent(int poller, int seconds, unsigned& events) {
         long long left = deadline - nowMillis();
         if (left < 0) left = 0;
         epoll_event event;
-        int ready = epoll_wait(poller, &event, 1, (int)(left > 2000000000 ? 2000000000 : left));
+        int ready = epoll_wait(poller, &event, 1, (int)(left > kMaxWaitMillis ? kMaxWaitMillis : left));
         if (ready > 0) {
             events = event.events;
             return 1;
@@ -38,7 +38,7 @@ int waitDescriptor(int fd, short events, int seconds) {
         long long left = deadline - nowMillis();
         if (left < 0) left = 0;
         pollfd waiter = {fd, events, 0};
-        int ready = poll(&waiter, 1, (int)(left > 2000000000 ? 2000000000 : left));
+        int ready = poll(&waiter, 1, (int)(left > kMaxWaitMillis ? kMaxWaitMillis : left));
         if (ready > 0) return 1;
         if (ready == 0) return 0;
         if (errno != EINTR || left == 0) return -1;

@@ -5,7 +5,19 @@
 #include <sys/epoll.h>
 
 // Hang-up bits kept in a connection's hangupEvents.
-constexpr unsigned kHangupBits = EPOLLRDHUP | EPOLLHUP;  // 0x2010
+constexpr unsigned kHangupBits = EPOLLRDHUP | EPOLLHUP;
+// A wait that ends with one of these found the connection failed or closed.
+constexpr unsigned kErrorOrHangupBits = EPOLLERR | kHangupBits;
+// Everything a connection's read waiter reports: input, error, hang-ups.
+constexpr unsigned kReadWaiterBits = EPOLLIN | kErrorOrHangupBits;
+// Everything its write waiter reports: writability, error, hang-ups.
+constexpr unsigned kWriteWaiterBits = EPOLLOUT | kErrorOrHangupBits;
+static_assert(kErrorOrHangupBits == 0x2018 && kReadWaiterBits == 0x2019 && kWriteWaiterBits == 0x201c,
+              "the readiness masks are the epoll bits the waiters were always tested against");
+
+// epoll_wait and poll take an int of milliseconds: a longer wait is made of
+// waits of at most this many.
+constexpr long long kMaxWaitMillis = 2000000000;
 
 // Waits for one event on `poller` for at most `seconds`. Returns 1 with the
 // event's bits, 0 on time-out, -1 when the wait failed. A signal arriving

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "channel/atomics.h"
 #include "channel/webChannel.h"
 #include "transport/poll_wait.h"
 #include "transport/sigpipe.h"
@@ -32,7 +33,7 @@ webChannel::connection* webChannel::open(std::string url, threadData* worker, bo
     // workers must not overwrite a batch's first failure.
     auto report = [&](int code) {
         if (result != nullptr) *result = code;
-        if (worker == nullptr) m_errorCode = code;
+        if (worker == nullptr) atomicStore(m_errorCode, code);
     };
 
     std::string host, port, path, credentials;
@@ -58,8 +59,7 @@ webChannel::connection* webChannel::open(std::string url, threadData* worker, bo
         // The caller may still hold the old record: close it, keep it alive
         // until the pool is emptied.
         address = conn->address;
-        closeSSL(conn);
-        closeSocket(conn);
+        closeConnection(conn);
         pool.erase(pooled);
         retired.push_back(conn);
     }
@@ -79,9 +79,7 @@ webChannel::connection* webChannel::open(std::string url, threadData* worker, bo
     if (code == kOk && https) code = connectSSL(conn);
     report(code);
     if (code != kOk) {
-        closeSSL(conn);
-        closeSocket(conn);
-        delete conn;
+        destroyConnection(conn);
         return nullptr;
     }
     pool[key] = conn;
@@ -126,17 +124,26 @@ int webChannel::prepareSocket(connection* conn, bool forWriting) {
         conn->hangupEvents = events & kHangupBits;
         if ((events & wanted) && !(events & EPOLLERR)) return 1;
         if (events & EPOLLERR) return conn->hangupEvents != 0 ? 0 : -1;
-        if (conn->hangupEvents != 0 || (events & (wanted | 0x2018))) return 0;
+        if (conn->hangupEvents != 0 || (events & (wanted | kErrorOrHangupBits))) return 0;
         waited = waitEvent(forWriting ? conn->writePoll : conn->readPoll, getProxyTimeout(), events);
     }
     if (waited == 0) return -2;
     return conn->hangupEvents != 0 ? 0 : -1;
 }
 
-void webChannel::dropConnection(connection* conn, threadData* worker) {
-    if (conn == nullptr) return;
+void webChannel::closeConnection(connection* conn) {
     closeSSL(conn);
     closeSocket(conn);
+}
+
+void webChannel::destroyConnection(connection* conn) {
+    closeConnection(conn);
+    delete conn;
+}
+
+void webChannel::dropConnection(connection* conn, threadData* worker) {
+    if (conn == nullptr) return;
+    closeConnection(conn);
     std::map<std::string, connection*>& pool = worker != nullptr ? worker->connections : m_connections;
     std::vector<connection*>& retired = worker != nullptr ? worker->retired : m_retiredConnections;
     auto pooled = pool.find(conn->host + ":" + conn->port);
@@ -147,16 +154,8 @@ void webChannel::dropConnection(connection* conn, threadData* worker) {
 }
 
 void webChannel::emptyPool(std::map<std::string, connection*>& pool, std::vector<connection*>& retired) {
-    for (auto& entry : pool) {
-        closeSSL(entry.second);
-        closeSocket(entry.second);
-        delete entry.second;
-    }
+    for (auto& entry : pool) destroyConnection(entry.second);
     pool.clear();
-    for (connection* conn : retired) {
-        closeSSL(conn);
-        closeSocket(conn);
-        delete conn;
-    }
+    for (connection* conn : retired) destroyConnection(conn);
     retired.clear();
 }

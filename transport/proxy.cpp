@@ -9,20 +9,20 @@ int webChannel::setProxy(const char* httpProxyUrl, const char* httpsProxyUrl) {
     m_httpProxyHost.clear();
     m_httpProxyPort.clear();
     std::string credentials;
+    // A proxy is always spoken to in plain HTTP: the scheme of its URL is read and not used.
+    bool secure = false;
     if (httpProxyUrl != nullptr) {
         std::string path;
-        parseURL(httpProxyUrl, &m_httpProxyAddress, m_httpProxyHost, m_httpProxyPort, path, credentials,
-                 &m_httpProxySecure);
+        parseURL(httpProxyUrl, &m_httpProxyAddress, m_httpProxyHost, m_httpProxyPort, path, credentials, &secure);
     }
     // One HTTP proxy serves TLS targets too unless a TLS proxy is given.
     m_httpsProxyAddress = m_httpProxyAddress;
     m_httpsProxyHost = m_httpProxyHost;
     m_httpsProxyPort = m_httpProxyPort;
-    m_httpsProxySecure = m_httpProxySecure;
     if (httpsProxyUrl != nullptr) {
         std::string path;
         parseURL(httpsProxyUrl, &m_httpsProxyAddress, m_httpsProxyHost, m_httpsProxyPort, path, credentials,
-                 &m_httpsProxySecure);
+                 &secure);
     }
     // Credentials are sent exactly as written in the URL; without new ones
     // the earlier credentials stay in force.

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <climits>
 
 #include <openssl/err.h>
 
@@ -12,6 +13,10 @@
 #include "transport/sigpipe.h"
 
 namespace {
+
+// A full socket buffer is waited on this many times in a row before the
+// write gives up.
+constexpr int kMaxWriteStalls = 16;
 
 // Whether the TLS layer already holds data for the next read, decrypted or
 // not (with read-ahead, whole records wait in its buffer), so that reading
@@ -59,7 +64,7 @@ int webChannel::read(connection* conn, char* buffer, int size, long long offset,
                 }
                 return conn->hangupEvents != 0 ? 0 : -1;
             }
-            if (conn->hangupEvents != 0 || (events & 0x2019)) return 0;
+            if (conn->hangupEvents != 0 || (events & kReadWaiterBits)) return 0;
         }
         if (waited == 0) return -2;
         return conn->hangupEvents != 0 ? 0 : -1;
@@ -111,7 +116,7 @@ int webChannel::write(connection* conn, std::string data) {
                     result = conn->hangupEvents != 0 ? 0 : -1;
                     break;
                 }
-                if (events & 0x201c) break;  // hang-up alone
+                if (events & kWriteWaiterBits) break;  // writability and errors were handled above: a hang-up
             }
             if (waited == 0) result = conn->hangupEvents != 0 ? 0 : -2;
             if (waited < 0) result = conn->hangupEvents != 0 ? 0 : -1;
@@ -153,12 +158,12 @@ int webChannel::writeAll(connection* conn, const std::string& data) {
         if (done == 0) return result;
         // The socket buffer is full: wait until it drains (bounded by the
         // transfer time-out), a limited number of times in a row.
-        if (result == 0 && conn->ssl == nullptr && conn->hangupEvents == 0 && ++stalls <= 16 &&
+        if (result == 0 && conn->ssl == nullptr && conn->hangupEvents == 0 && ++stalls <= kMaxWriteStalls &&
             prepareSocket(conn, true) == 1)
             continue;
         return -1;
     }
-    return (int)(done > (size_t)2147483647 ? 2147483647 : done);
+    return (int)(done > (size_t)INT_MAX ? INT_MAX : done);  // the result is an int; more is never asked for
 }
 
 int webChannel::readBlock(connection* conn, char* buffer, int size) {
