@@ -29,7 +29,7 @@ check() {
 same() { cmp -s "$1" "$2" || fail "$1 differs from $2"; }
 
 # Every option of the program's table, the documented set and every short form.
-mapfile -t table < <(sed -nE 's/^ *\{"([a-z-]+)", kOpt.*/\1/p' "$source_dir/tools/webget.cpp")
+mapfile -t table < <(sed -nE 's/^ *\{"([a-z-]+)", kOpt.*/\1/p' "$source_dir/tools/webget/options.cpp")
 ((${#table[@]} >= 20)) || fail "option table not found"
 options=()
 for option in "${table[@]}" input directory output stdout post header jobs http-proxy https-proxy user cookie \

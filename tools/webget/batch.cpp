@@ -1,0 +1,194 @@
+// The batch mode: offer the jobs to the library, run the batch with the
+// progress display, then say what failed and sum up.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <unordered_set>
+
+#include "webget.h"
+
+namespace webget {
+namespace {
+
+// Jobs named one by one when a batch leaves files undone; the rest are counted.
+constexpr int kListedUndone = 10;
+// Room for the library's words on the batch's error.
+constexpr size_t kErrorText = 512;
+
+// Names the jobs that were not completed without being blamed, the first
+// few of them: a batch that could not reach its server would list them all.
+void listNotCompleted(const std::vector<Job>& jobs, const std::vector<int>& failed, const std::set<int>& blamed) {
+    int listed = 0, more = 0;
+    for (int index : failed) {
+        if (blamed.count(index) != 0) continue;
+        if (listed == kListedUndone) {
+            ++more;
+            continue;
+        }
+        ++listed;
+        complain("not completed: %s -> %s", jobs[index].url.c_str(), jobs[index].target.c_str());
+    }
+    if (more > 0) complain("not completed: %d more", more);
+}
+
+// The library knows a job by its URL: a second job with the same URL would be
+// merged into the first. Returns -1 to go on, or an exit status.
+int checkDuplicates(const std::vector<Job>& wanted) {
+    std::unordered_set<std::string> urls, targets;
+    for (const Job& job : wanted) {
+        if (!urls.insert(job.url).second) {
+            complain("%s: the URL %s is listed twice", job.origin.c_str(), job.url.c_str());
+            return kExitUsage;
+        }
+        if (!targets.insert(job.target).second) {
+            complain("%s: the target %s is listed twice", job.origin.c_str(), job.target.c_str());
+            return kExitUsage;
+        }
+    }
+    return -1;
+}
+
+// Offers the jobs to the library until an interrupt; those it accepts go to
+// `jobs`, in addJob order: its job indexes. Returns how many were offered.
+size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vector<Job>& wanted,
+                 std::vector<Job>& jobs, BatchState& state) {
+    size_t considered = 0;
+    for (; considered < wanted.size() && !gInterrupted.load(); ++considered) {
+        Job& job = wanted[considered];
+        int result = channel->addJob(job.url.c_str(), job.target.c_str(), job.size,
+                                     job.digest.empty() ? nullptr : job.digest.c_str(),
+                                     job.algorithm.empty() ? nullptr : job.algorithm.c_str());
+        if (result == wc::kAlreadyPresent) {
+            ++state.upToDate;
+            if (!options.quiet) printf("up to date %s\n", job.target.c_str());
+            continue;
+        }
+        if (result < 0) {
+            // Policy: a refused job is reported and the batch goes on with
+            // the others; the exit status still says it failed.
+            ++state.refused;
+            std::string message = "error " + describe(result) + ": " + job.url + " -> " + job.target;
+            if (job.size == 0 && !options.unknownSize) message += " (size probe failed)";
+            complain("%s", message.c_str());
+            continue;
+        }
+        if (job.size == 0 && !options.unknownSize) {
+            // The probe leaves the announced length as the last response's.
+            long long probed = 0;
+            channel->httpResponse(&probed);
+            if (probed > 0) job.size = probed;
+        }
+        state.knownTotal += job.size;
+        jobs.push_back(job);
+    }
+    fflush(stdout);
+    return considered;
+}
+
+// Runs the batch and hands the finished files out. Returns the library's
+// code (`libraryText` its words).
+int runJobs(VRAXSecureWebChannel* channel, BatchState& state, std::string& libraryText) {
+    const std::vector<Job>& jobs = *state.jobs;
+    if (jobs.empty() || gInterrupted.load()) return gInterrupted.load() ? wc::kCancelled : wc::kOk;
+    channel->setHandler(onProgress, &state);
+    int pending = channel->httpMultiGet(true);
+    channel->setHandler(nullptr, nullptr);
+    char text[kErrorText] = {0};
+    int code = channel->getErrorCode(text, (int)sizeof text);
+    libraryText = text;
+    std::lock_guard<std::mutex> guard(state.lock);
+    if (pending < 0) {
+        // The batch did not run at all.
+        code = pending;
+        pending = (int)jobs.size();
+    }
+    collectFinished(state);
+    if (pending == 0) state.shownDone = state.total();
+    drawProgress(state, true);
+    return code;
+}
+
+// Says which jobs were not handed out. The job the library named first
+// carries the code; every other job not handed out was stopped with its
+// worker, or never reached.
+void reportFailures(const BatchState& state, const std::vector<int>& failed, int code, const std::string& libraryText) {
+    const std::vector<Job>& jobs = *state.jobs;
+    std::string extra = libraryText.empty() ? std::string() : " [" + libraryText + "]";
+    int named = -1;
+    for (int index : failed)
+        if (state.blamed.count(index) != 0) {
+            named = index;
+            break;
+        }
+    if (named < 0) {
+        complain("error %s%s; %zu file(s) not completed:", describe(code).c_str(), extra.c_str(), failed.size());
+        listNotCompleted(jobs, failed, state.blamed);
+        return;
+    }
+    const Job& job = jobs[named];
+    complain("error %s%s: %s -> %s", describe(code).c_str(), extra.c_str(), job.url.c_str(), job.target.c_str());
+    for (int index : failed)
+        if (index != named && state.blamed.count(index) != 0)
+            complain("failed: %s -> %s", jobs[index].url.c_str(), jobs[index].target.c_str());
+    listNotCompleted(jobs, failed, state.blamed);
+}
+
+}  // namespace
+
+int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<Job> wanted) {
+    BatchState state;
+    state.channel = channel;
+    state.quiet = options.quiet;
+    state.terminal = isatty(2) != 0;
+    state.stdoutTerminal = isatty(1) != 0;
+    state.start = Clock::now();
+    if (options.directoryGiven && mkdirs(options.directory) != 0) {
+        complain("cannot create the directory %s: %s", options.directory.c_str(), strerror(errno));
+        return kExitFailed;
+    }
+    if (int status = checkDuplicates(wanted); status >= 0) return status;
+    std::vector<Job> jobs;
+    jobs.reserve(wanted.size());
+    state.jobs = &jobs;
+    size_t considered = offerJobs(channel, options, wanted, jobs, state);
+    state.handedOut.assign(jobs.size(), 0);
+
+    // The library verifies a file cut into byte ranges by its digest only:
+    // without one it compares the file with the size of the piece that
+    // finished last, which fails for every cut file. So a batch holding a
+    // job without digest gives each file whole to one worker (the planning
+    // of the unknown-size mode); the sizes probed above stay, and each file
+    // is checked against its full size.
+    bool anyWithoutDigest = false;
+    for (const Job& job : jobs) anyWithoutDigest = anyWithoutDigest || job.digest.empty();
+    if (anyWithoutDigest && !options.unknownSize) channel->setParam(wc::kParamUnknownSize, "1", true);
+
+    std::string libraryText;
+    int code = runJobs(channel, state, libraryText);
+    double seconds = std::chrono::duration<double>(Clock::now() - state.start).count();
+    std::vector<int> failed;
+    for (size_t i = 0; i < jobs.size(); ++i)
+        if (!state.handedOut[i]) failed.push_back((int)i);
+    if (!failed.empty()) {
+        if (code == wc::kOk) code = gInterrupted.load() ? wc::kCancelled : wc::kInvalidArgument;
+        reportFailures(state, failed, code, libraryText);
+    }
+
+    // Jobs never offered to the library because of an interrupt.
+    int notStarted = (int)(wanted.size() - considered);
+    if (notStarted > 0) complain("interrupted: %d job(s) not started", notStarted);
+    int failures = (int)failed.size() + state.refused + notStarted;
+    if (!options.quiet) {
+        double rate = seconds > 0 ? state.handedBytes / seconds : 0;
+        fprintf(stderr, "%s: %d downloaded, %d up to date, %d failed; %s in %.2f s (%s/s)%s\n", gProgram,
+                state.handedCount, state.upToDate, failures, humanBytes((double)state.handedBytes).c_str(), seconds,
+                humanBytes(rate).c_str(), failures == 0 ? "; all verified" : "");
+    }
+    // A cancel only stops transfers still in progress; when the interrupt
+    // came too late to stop anything, the batch simply succeeded.
+    if (failures == 0) return kExitOk;
+    return gInterrupted.load() ? kExitInterrupted : kExitFailed;
+}
+
+}  // namespace webget

@@ -1,0 +1,197 @@
+// webget: the command-line host of the web channel.
+//
+// It loads libwebchannel.so at run time (dlopen), takes the channel from the
+// exported factory and uses nothing but the public interface
+// (VRAXSecureWebChannel.h, webchannel_codes.h). Batches come from a manifest
+// or from URLs on the command line; single GETs go to a file or to standard
+// output; POSTs print the answer.
+//
+// Output conventions: standard output carries results (one line per finished
+// file, or the body of -O - / --post); standard error carries progress,
+// the summary and diagnostics, so that results can be piped or redirected
+// without progress noise.
+//
+// This header is what the program's files share; each file is one concern:
+// options, library, signals, manifest, progress, and one file per mode.
+#ifndef WEBGET_WEBGET_H
+#define WEBGET_WEBGET_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <deque>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <signal.h>
+#include <pthread.h>
+
+#include "VRAXSecureWebChannel.h"
+#include "webchannel_codes.h"
+
+namespace webget {
+
+// Exit statuses, documented in --help.
+enum ExitStatus : int {
+    kExitOk = 0,
+    kExitFailed = 1,       // a transfer failed or a file did not verify
+    kExitUsage = 2,        // bad command line or manifest
+    kExitNoLibrary = 3,    // the library could not be loaded
+    kExitInterrupted = 130 // cancelled by Ctrl-C (SIGINT) or SIGTERM
+};
+
+extern const char* gProgram;
+
+// One diagnostic line on standard error, prefixed with the program's name.
+void complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// A result code with its meaning: "-3052 (status not accepted)".
+std::string describe(int code);
+
+// ---- options.cpp: the command line ----
+struct Options {
+    std::string manifest;
+    std::string directory;
+    bool directoryGiven = false;
+    std::string output;     // -o FILE
+    bool toStdout = false;  // -O -
+    bool post = false;
+    std::string postData;
+    std::vector<std::string> headers;
+    unsigned workers = 8;
+    std::string httpProxy, httpsProxy;
+    bool httpProxyGiven = false, httpsProxyGiven = false;
+    std::string user;
+    bool userGiven = false;
+    std::string cookie;
+    bool cookieGiven = false;
+    bool keepCookies = false;
+    bool noCache = false;
+    std::string timeout;
+    bool unknownSize = false;
+    std::string logFile;
+    std::string library;
+    bool quiet = false;
+    std::vector<std::string> urls;
+};
+
+// Returns -1 to go on, or an exit status (after --help, --version or a
+// usage error, which it has reported).
+int parseCommandLine(int argc, char** argv, Options& options);
+bool parseInt(const std::string& text, long long low, long long high, long long& value);
+
+// ---- library.cpp: loading the library, the channel's set-up ----
+struct Library {
+    void* handle = nullptr;
+    VRAXSecureWebChannelCreateFn create = nullptr;
+    VRAXSecureWebChannelDestroyFn destroy = nullptr;
+    std::string path;
+};
+
+bool loadLibrary(const Options& options, Library& library);
+struct ChannelHandle {
+    Library& library;
+    VRAXSecureWebChannel* channel;
+    explicit ChannelHandle(Library& lib) : library(lib), channel(lib.create()) {}
+    ~ChannelHandle() {
+        if (channel != nullptr) library.destroy(channel);
+    }
+    ChannelHandle(const ChannelHandle&) = delete;
+    ChannelHandle& operator=(const ChannelHandle&) = delete;
+};
+
+// Returns -1 to go on, or an exit status.
+int configureChannel(VRAXSecureWebChannel* channel, const Options& options);
+
+// ---- signals.cpp ----
+// Set by the first SIGINT or SIGTERM of a batch; the progress callback then
+// asks the library to cancel.
+extern std::atomic<bool> gInterrupted;
+
+// SIGINT and SIGTERM are blocked in every thread (the library's workers
+// inherit the mask, so their socket waits never see EINTR) and taken by one
+// watcher thread with sigwait for the lifetime of this guard.
+class SignalGuard {
+public:
+    SignalGuard();
+    ~SignalGuard();
+    SignalGuard(const SignalGuard&) = delete;
+    SignalGuard& operator=(const SignalGuard&) = delete;
+
+private:
+    pthread_t m_thread{};
+    bool m_started = false;
+    sigset_t m_previous{};
+};
+
+// ---- manifest.cpp: batch jobs ----
+struct Job {
+    std::string url;
+    std::string target;
+    long long size = 0;
+    std::string digest;
+    std::string algorithm;
+    std::string origin;  // "manifest:line" or "argument N", for messages
+};
+
+std::string joinPath(const std::string& directory, const std::string& name);
+// Last path component of a URL, without query or fragment.
+std::string urlBasename(const std::string& url);
+// Returns -1 to go on, or an exit status.
+int readManifest(const Options& options, std::vector<Job>& jobs);
+int mkdirs(const std::string& directory);
+
+// ---- progress.cpp: the progress display ----
+using Clock = std::chrono::steady_clock;
+struct BatchState {
+    std::mutex lock;
+    VRAXSecureWebChannel* channel = nullptr;
+    const std::vector<Job>* jobs = nullptr;  // in addJob order: the library's job indexes
+    std::vector<char> handedOut;
+    int handedCount = 0;
+    long long handedBytes = 0;
+    int upToDate = 0;
+    int refused = 0;
+    std::set<int> blamed;        // job indexes the library named as failing
+    long long knownTotal = 0;    // sizes from the manifest or the probes
+    long long reportedTotal = 0; // largest total the library reported
+    long long pendingDone = 0;   // bytes of pending files, from the last report carrying counts
+    long long shownDone = 0;
+    bool quiet = false;
+    bool terminal = false;       // standard error is a terminal: live bar
+    bool stdoutTerminal = false; // file lines go to the same terminal
+    bool barVisible = false;
+    Clock::time_point start;
+    Clock::time_point lastDraw;
+    bool drawnOnce = false;
+    int widestInfo = 0;          // keeps the bar's width steady
+    std::deque<std::pair<double, long long>> samples;  // (seconds, bytes) for the rate
+
+    long long total() const { return knownTotal > reportedTotal ? knownTotal : reportedTotal; }
+    int fileCount() const { return (int)jobs->size() + upToDate + refused; }
+};
+
+std::string humanBytes(double bytes);
+long long fileSize(const std::string& path);
+// Hands out every file the library has finished and verified; prints each.
+// Caller holds state.lock.
+void collectFinished(BatchState& state);
+// Draws the progress; `final` forces a draw and ends the bar's line.
+// Caller holds state.lock.
+void drawProgress(BatchState& state, bool final);
+// The library's progress callback.
+void onProgress(bool& cancel, int finished, long long bytesDone, long long bytesTotal, int jobIndex, void* user);
+
+// ---- the modes: batch.cpp, get.cpp, post.cpp ----
+int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<Job> wanted);
+int runGetToFile(VRAXSecureWebChannel* channel, const Options& options);
+int runGetToStdout(VRAXSecureWebChannel* channel, const Options& options);
+int runPost(VRAXSecureWebChannel* channel, const Options& options);
+// Writes to standard output and flushes; false on failure.
+bool writeAll(const char* data, size_t length);
+
+}  // namespace webget
+
+#endif
