@@ -7,6 +7,10 @@
 #
 #   scripts/test.sh            everything
 #   scripts/test.sh --quick    the normal build only
+#
+# In a build tree, `ctest -L unit` runs the pure tests alone (no peers, no
+# network), `-L peers` those against real and scripted servers, `-L stress`
+# the long concurrency run.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
@@ -45,9 +49,9 @@ export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 # which an instrumented library cannot serve; the normal run covers it.
 run_suite build-asan "AddressSanitizer + UndefinedBehaviorSanitizer" -DWEBCHANNEL_SANITIZE=address -- -E '^packaging\.'
 
-# The threaded code: batches, the channel core, and the transport that the
-# workers share (address cache, proxy answers, pools, TLS).
-run_suite build-tsan "ThreadSanitizer" -DWEBCHANNEL_SANITIZE=thread -- -R '^(batch|channel|transport|peers)\.'
+# The threaded code: batches, the stress run, the channel core, and the
+# transport that the workers share (address cache, proxy answers, pools, TLS).
+run_suite build-tsan "ThreadSanitizer" -DWEBCHANNEL_SANITIZE=thread -- -R '^(batch|stress|channel|transport|peers)\.'
 
 if [[ -x scripts/fuzz.sh ]]; then
   echo "== fuzzing"

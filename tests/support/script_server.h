@@ -1,25 +1,23 @@
-// An in-process HTTP server whose every byte is scripted by the test: for
-// the faults and oddities real servers do not produce on demand (responses
-// cut at chosen offsets, resets, stalls, malformed framing, ...).
+// An in-process HTTP server whose every byte is scripted by the test, for
+// the faults real servers do not make on demand: answers cut at chosen
+// offsets, resets, stalls, malformed framing.
 //
 //   testsupport::ScriptServer server([](testsupport::ServerConnection& c) {
 //       c.readRequest();
 //       c.send(testsupport::httpResponse(200, "hi"));
 //   });
-//   ... point the client at server.url("/x") ...
-//   EXPECT_EQ(server.requests().size(), 1u);
 //
 // Listens on 127.0.0.1 only. Every wait is bounded, and destroying the
-// server unblocks and joins all handlers.
+// server shuts every connection down and joins all handlers.
 #ifndef WEBCHANNEL_TESTS_SUPPORT_SCRIPT_SERVER_H
 #define WEBCHANNEL_TESTS_SUPPORT_SCRIPT_SERVER_H
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -27,134 +25,96 @@
 
 namespace testsupport {
 
-namespace detail {
-struct ServerShared;
-}
+struct ServerState;
 
-// One accepted connection, handed to the handler on its own thread. Only
-// that thread may use it. All methods are harmless on a closed connection.
+// One accepted connection, used by its handler's thread only.
 class ServerConnection {
 public:
+    ServerConnection(int fd, int index, ServerState& state) : fd_(fd), index_(index), state_(state) {}
+    ~ServerConnection();
     ServerConnection(const ServerConnection&) = delete;
     ServerConnection& operator=(const ServerConnection&) = delete;
-    ~ServerConnection();
 
-    // Reads one request: everything up to and including the blank line
-    // ("\r\n\r\n"), plus a body of Content-Length bytes if that header is
-    // present (name matched case-insensitively) or a chunked body if
-    // Transfer-Encoding says chunked. The raw bytes are appended to the
-    // server's request log. Bytes the client sent beyond this request stay
-    // buffered for the next call. Returns "" when the client closed, on an
-    // error, or after timeoutMillis without a complete request.
+    // One request: the head through its blank line and a Content-Length
+    // body, logged in requests(). "" when the client closed or the time ran out.
     std::string readRequest(int timeoutMillis = 10000);
-
-    // Reads only the request head (through the blank line) and logs it; the
-    // body, if any, is left unread, e.g. to answer "Expect: 100-continue"
-    // or to respond before an upload is complete. "" as for readRequest.
+    // The head alone (logged), the body left unread.
     std::string readHead(int timeoutMillis = 10000);
-
-    // Reads exactly n bytes (not logged); returns fewer if the client
-    // closed or timeoutMillis passed first.
+    // Up to n bytes, not logged.
     std::string readBytes(size_t n, int timeoutMillis = 10000);
-
-    // Sends all bytes (looping over partial sends). False on error, or if the
-    // client does not take any data for 10 s.
+    // All bytes; false on error or a client that takes nothing for 10 s.
     bool send(std::string_view bytes);
-
-    // Sends bytes split at the given offsets (ascending; out-of-range or
-    // non-increasing offsets are ignored), each piece a separate send with
-    // TCP_NODELAY, pausing gapMillis between pieces so the client usually
-    // sees each piece in a read of its own. False on error.
+    // The bytes cut at `cuts`, each piece its own send after a pause, so that
+    // the client usually reads each piece apart.
     bool sendPieces(std::string_view bytes, const std::vector<size_t>& cuts, int gapMillis = 20);
-
-    // Abortive close: SO_LINGER {1, 0}, then close, so the client sees
-    // ECONNRESET (an RST instead of a FIN).
+    // Abortive close: the client sees ECONNRESET.
     void reset();
-
-    // Orderly close: FIN first; whatever the client still sends meanwhile is
-    // read and dropped for a short, bounded while, so unread input does not
-    // turn the close into a reset.
+    // Orderly close; input still arriving is drained for a bounded while so
+    // that it does not turn the close into a reset.
     void close();
-
-    // Waits, without reading, until the client closes the connection (FIN or
-    // RST) or maxSeconds pass. True if the client closed.
+    // Waits without reading until the client closes or maxSeconds pass;
+    // true when the client closed.
     bool stall(int maxSeconds);
-
-    // 0-based number of this connection in accept order.
-    int index() const { return index_; }
-
-    bool isOpen() const;
+    int index() const { return index_; }  // in accept order, from 0
+    void shutdownForStop();
 
 private:
-    friend class ScriptServer;
-    ServerConnection(int fd, int index, std::shared_ptr<detail::ServerShared> shared);
+    bool fill(long long deadline);
+    std::string take(size_t length, bool log);
 
-    // Waits until the descriptor is ready for `events` or the deadline
-    // (steady clock, ms) passes; false on time-out, error or shutdown.
-    bool waitFor(short events, long long deadlineMillis);
-    // Reads whatever is available into buffer_; false on EOF/error/time-out.
-    bool fill(long long deadlineMillis);
-    void shutdownForStop();  // called by the server's destructor thread
-
-    int fd_;  // written only by the handler thread, under shared_->fdMutex
+    int fd_;
     const int index_;
-    std::string buffer_;  // received, not yet returned
-    std::shared_ptr<detail::ServerShared> shared_;
+    ServerState& state_;
+    std::mutex fdMutex_;  // closing against the destructor's shutdown
+    std::string buffer_;
 };
 
-// What the scripted servers and the content checks did in this process:
-// connections served, resets, stalls and bytes verified. Printed to standard
-// error at exit ("tally: ...") when anything was counted, as the record of a
-// fault run.
+// Counts what the scripted servers and content checks did ("connections",
+// "resets", "bytes verified"...), printed as one "tally:" line at exit.
 void tally(const char* what, uint64_t amount = 1);
+
+struct ServerState {
+    std::atomic<bool> stopping{false};
+    mutable std::mutex mutex;  // requests
+    std::vector<std::string> requests;
+};
 
 class ScriptServer {
 public:
     using Handler = std::function<void(ServerConnection&)>;
-
-    // Listens on 127.0.0.1 on an ephemeral port and accepts in a background
-    // thread; each connection runs `handler` on a thread of its own. When
-    // the handler returns, the connection is closed (orderly) if still open.
+    // Each connection runs `handler` on a thread of its own, and is closed
+    // when the handler returns.
     explicit ScriptServer(Handler handler);
-    // Stops accepting, shuts down every open connection (so handlers blocked
-    // in reads, sends, stalls or pauses return promptly), and joins all
-    // threads. A handler still running 20 s later is a test bug: reported on
-    // stderr, then the process aborts rather than hang.
     ~ScriptServer();
-
     ScriptServer(const ScriptServer&) = delete;
     ScriptServer& operator=(const ScriptServer&) = delete;
 
     int port() const { return port_; }
-    // "http://127.0.0.1:<port>" + path
-    std::string url(const std::string& path) const;
-    // Raw requests received so far, in arrival order (a copy).
-    std::vector<std::string> requests() const;
-    // Connections accepted so far.
-    int connections() const;
+    std::string url(const std::string& path) const;  // "http://127.0.0.1:<port>" + path
+    std::vector<std::string> requests() const;       // raw, in arrival order
+    int connections() const { return accepted_.load(); }
 
 private:
-    struct Worker;
-
+    struct Worker {
+        std::unique_ptr<ServerConnection> connection;
+        std::thread thread;
+        std::atomic<bool> done{false};
+    };
     void acceptLoop();
-    void reapFinished(bool all);
 
     Handler handler_;
-    std::shared_ptr<detail::ServerShared> shared_;
+    ServerState state_;
     int listenFd_ = -1;
-    int wakeFd_ = -1;
     int port_ = 0;
     std::atomic<int> accepted_{0};
-    std::list<std::unique_ptr<Worker>> workers_;  // touched by the accept thread, then by the destructor
+    std::list<Worker> workers_;  // the accept thread's, then the destructor's
     std::thread acceptThread_;
 };
 
-// A complete response: status line, Content-Length, extraHeaders (each line
-// ending in "\r\n"; a missing final "\r\n" is added), blank line, body.
+// A complete response: status line, Content-Length, extraHeaders (lines
+// ending in "\r\n"; a missing last one is added), blank line, body.
 std::string httpResponse(int code, const std::string& body, const std::string& extraHeaders = "");
-
-// A chunked body: "<hex size>\r\n<data>\r\n" per chunk, then "0\r\n\r\n".
-// Empty chunks are left out (a zero-size chunk would end the body early).
+// "<hex size>\r\n<data>\r\n" per non-empty chunk, then "0\r\n\r\n".
 std::string chunkedBody(const std::vector<std::string>& chunks);
 
 }  // namespace testsupport

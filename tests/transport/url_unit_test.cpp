@@ -1,7 +1,7 @@
 // URL splitting, exact part by part.
 #include "transport/url.h"
 
-#include "transport_helpers.h"
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -34,28 +34,28 @@ TEST_F(ResponseHead, StatusLengthsAndFramingAreReadExactly) {
         std::string location;
     };
     const Case cases[] = {
-        {"HTTP/1.1 200 OK\r\nContent-Length: 42\r\nServer: x\r\n\r\nbody", kOk, 200, 50, 42},
-        {"HTTP/1.1 200\r\nContent-Length: 5\r\n\r\nhello", kOk, 200, 35, 5},  // the end is after the status line
+        {"HTTP/1.1 200 OK\r\nContent-Length: 42\r\nServer: x\r\n\r\nbody", kOk, 200, 50, 42, ""},
+        {"HTTP/1.1 200\r\nContent-Length: 5\r\n\r\nhello", kOk, 200, 35, 5, ""},  // the end is after the status line
         // A single blank in all is malformed, and nothing is written.
-        {"HTTP/1.1 200\r\n\r\n", kMalformedResponse, -1, -1, -1},
-        {"garbage", kMalformedResponse, -1, -1, -1},
-        {"", kMalformedResponse, -1, -1, -1},
+        {"HTTP/1.1 200\r\n\r\n", kMalformedResponse, -1, -1, -1, ""},
+        {"garbage", kMalformedResponse, -1, -1, -1, ""},
+        {"", kMalformedResponse, -1, -1, -1, ""},
         // Names are case-free, but a value needs its blank; the coding's value is case-sensitive.
-        {"HTTP/1.1 200 OK\r\nCONTENT-LENGTH: 7\r\n\r\n", kOk, 200, kAll, 7},
-        {"HTTP/1.1 200 OK\r\nContent-Length:7\r\n\r\n", kOk, 200, kAll, 0},
-        {"HTTP/1.1 200 OK\r\nTRANSFER-ENCODING: chunked\r\n\r\n", kChunked, 200, kAll, 0},
-        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: Chunked\r\n\r\n", kUnsupportedCoding, 200, kAll, 0},
-        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\nTransfer-Encoding: chunked\r\n\r\n", kChunked, 200, kAll, 0},
+        {"HTTP/1.1 200 OK\r\nCONTENT-LENGTH: 7\r\n\r\n", kOk, 200, kAll, 7, ""},
+        {"HTTP/1.1 200 OK\r\nContent-Length:7\r\n\r\n", kOk, 200, kAll, 0, ""},
+        {"HTTP/1.1 200 OK\r\nTRANSFER-ENCODING: chunked\r\n\r\n", kChunked, 200, kAll, 0, ""},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: Chunked\r\n\r\n", kUnsupportedCoding, 200, kAll, 0, ""},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\nTransfer-Encoding: chunked\r\n\r\n", kChunked, 200, kAll, 0, ""},
         // Without the empty line there is no body offset.
-        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n", kOk, 200, 0, 5},
-        {"HTTP/1.1 200 OK\r\nContent-Len", kOk, 200, 0, 0},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n", kOk, 200, 0, 5, ""},
+        {"HTTP/1.1 200 OK\r\nContent-Len", kOk, 200, 0, 0, ""},
         // Numbers saturate as atoll does instead of wrapping.
-        {"HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999999\r\n\r\n", kOk, 200, kAll, LLONG_MAX},
-        {"HTTP/1.1 200 OK\r\nContent-Length: -5\r\n\r\n", kOk, 200, kAll, -5},
-        {"HTTP/1.1 99999999999 OK\r\n\r\n", kOk, INT_MAX, kAll, 0},
-        {"HTTP/1.1 4294967496 OK\r\n\r\n", kOk, INT_MAX, kAll, 0},  // would wrap around to 200
+        {"HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999999\r\n\r\n", kOk, 200, kAll, LLONG_MAX, ""},
+        {"HTTP/1.1 200 OK\r\nContent-Length: -5\r\n\r\n", kOk, 200, kAll, -5, ""},
+        {"HTTP/1.1 99999999999 OK\r\n\r\n", kOk, INT_MAX, kAll, 0, ""},
+        {"HTTP/1.1 4294967496 OK\r\n\r\n", kOk, INT_MAX, kAll, 0, ""},  // would wrap around to 200
         // A location counts only in a redirect, and ends the parse there.
-        {"HTTP/1.1 200 OK\r\nLocation: /x\r\nContent-Length: 3\r\n\r\n", kOk, 200, kAll, 3},
+        {"HTTP/1.1 200 OK\r\nLocation: /x\r\nContent-Length: 3\r\n\r\n", kOk, 200, kAll, 3, ""},
         {"HTTP/1.1 302 Found\r\nLocation: http://h:1/y  \r\nContent-Length: 3\r\n\r\n", kOk, 302, -1, 0,
          "http://h:1/y"},
     };
