@@ -67,25 +67,6 @@ TEST_F(Jobs, RemoveJobTakesTheJobOutOfTheListAndTheThreads) {
     EXPECT_EQ(handedOut(channel), (std::vector<int>{1}));
 }
 
-TEST_F(Jobs, IsValidComparesTheExactDigestText) {
-    const std::string file = dir + "/v", empty = dir + "/empty", digest = digestOf("hello", "sha1");
-    writeFile(file, "hello");
-    writeFile(empty, "");
-    char none[1] = {0};
-    EXPECT_EQ(channel.isValid(file.c_str(), digest.c_str(), "sha1"), 1);
-    EXPECT_EQ(channel.isValid_c(file.c_str(), digest.c_str(), "sha1"), 1);
-    EXPECT_EQ(channel.isValid(empty.c_str(), "d41d8cd98f00b204e9800998ecf8427e", "md5"), 1);
-    EXPECT_EQ(channel.isValid(empty.c_str(), digestOf("", "sha512").c_str(), "sha512"), 1);
-    EXPECT_EQ(channel.isValid(file.c_str(), upper(digest).c_str(), "sha1"), 0);
-    EXPECT_EQ(channel.isValid(file.c_str(), digest.substr(1).c_str(), "sha1"), 0);
-    EXPECT_EQ(channel.isValid(nullptr, digest.c_str(), "sha1"), 0);
-    EXPECT_EQ(channel.isValid(file.c_str(), nullptr, "sha1"), 0);
-    EXPECT_EQ(channel.isValid(file.c_str(), digest.c_str(), nullptr), 0);
-    EXPECT_EQ(channel.isValid(file.c_str(), digest.c_str(), none), 0);
-    EXPECT_EQ(channel.isValid((dir + "/missing").c_str(), digest.c_str(), "sha1"), 0);
-    EXPECT_EQ(channel.isValid(file.c_str(), digest.c_str(), "no-such-digest"), 0);
-}
-
 // Size 0: the size comes from a probe that reads the head only and drops its
 // connection; the pieces are fetched on connections of their own. A probe
 // that finds no size rejects the job; unknown-size mode does not probe.

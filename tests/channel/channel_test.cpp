@@ -3,7 +3,6 @@
 #include "VRAXSecureWebChannel.h"
 #include "util/webutil.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -71,23 +70,6 @@ TEST(Interface, ExactlyTheFactoryAndTheUtilityLibraryAreExported) {
         exported.insert(std::string(line).substr(0, std::string(line).find(' ')));
     EXPECT_EQ(pclose(pipe), 0);
     EXPECT_EQ(exported, expected);
-}
-
-TEST(Interface, AHostDrivesTheLibraryThroughDlopenAlone) {
-    void* library = dlopen(WEBCHANNEL_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(library, nullptr) << dlerror();
-    auto create = reinterpret_cast<VRAXSecureWebChannelCreateFn>(dlsym(library, "VRAXSecureWebChannelCreate"));
-    auto destroy = reinterpret_cast<VRAXSecureWebChannelDestroyFn>(dlsym(library, "VRAXSecureWebChannelDestroy"));
-    ASSERT_TRUE(create != nullptr && destroy != nullptr);
-    VRAXSecureWebChannel* first = create();
-    EXPECT_EQ(create(), first);
-    std::string value;
-    first->setParam(wc::kParamTimeout, "7", true);
-    EXPECT_TRUE(first->init(2) == 0 && first->getParam(wc::kParamTimeout, value, true) && value == "7");
-    EXPECT_EQ(first->getNextDownloadedFile(), -1);
-    destroy(first);
-    destroy(first);
-    dlclose(library);
 }
 
 using testsupport::countLines;
