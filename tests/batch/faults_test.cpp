@@ -292,7 +292,9 @@ TEST_P(BadAnswers, EndOnlyTheirOwnJobWithTheExactCodeAndNoRepeat) {
     EXPECT_EQ(server.requestsFor("/bad")[0].find("\r\nRange:") == std::string::npos, bad.sizeUnknown);
     EXPECT_EQ(server.total(), bad.requests + 1 + server.requestsFor("/target").size());  // nowhere else
     EXPECT_EQ(handedOut(channel), (bad.code == 0 ? std::vector<int>{0, 1} : std::vector<int>{1}));
-    if (bad.code == 0) EXPECT_TRUE(fileHoldsGenerated(dir + "/bad", 70, 5));
+    if (bad.code == 0) {
+        EXPECT_TRUE(fileHoldsGenerated(dir + "/bad", 70, 5));
+    }
     EXPECT_TRUE(fileHoldsGenerated(dir + "/good", 71, 100000));
     EXPECT_EQ(countLines(log.text(), kCountedRepeat), 0);
 }
@@ -353,7 +355,9 @@ TEST_P(PeerFaults, FailOnlyTheHttpsJobWithTheExactCode) {
     init(channel, 2);
     const std::string k256m1 = testsupport::readFile(peers().www + "/k256m1.bin");
     const std::string port = std::to_string(peer.port());
-    if (bad.answer) ASSERT_EQ(channel.setProxy(nullptr, ("http://u:p@127.0.0.1:" + port).c_str()), 0);
+    if (bad.answer) {
+        ASSERT_EQ(channel.setProxy(nullptr, ("http://u:p@127.0.0.1:" + port).c_str()), 0);
+    }
     job(channel, bad.answer ? peers().httpsUrl("/five.bin") : "https://127.0.0.1:" + port + "/five.bin", "/five.bin", 5,
         digestOf("hello"), "md5");
     job(channel, peers().httpUrl("/k256m1.bin"), "/k256m1.bin", (long long)k256m1.size(), digestOf(k256m1), "md5");
@@ -365,7 +369,9 @@ TEST_P(PeerFaults, FailOnlyTheHttpsJobWithTheExactCode) {
     EXPECT_TRUE(testsupport::readFile(dir + "/k256m1.bin") == k256m1);
     EXPECT_EQ(peer.connections(), bad.closeFirst ? 2 : 1);
     ASSERT_EQ(peer.requests().size(), bad.answer ? 1u : 0u);
-    if (bad.answer) EXPECT_EQ(peer.requests()[0].rfind("CONNECT 127.0.0.1:443 HTTP/1.1\r\n", 0), 0u);
+    if (bad.answer) {
+        EXPECT_EQ(peer.requests()[0].rfind("CONNECT 127.0.0.1:443 HTTP/1.1\r\n", 0), 0u);
+    }
     // A close is a repeat that costs an attempt and a pause; a stalled handshake ends with the time-out.
     EXPECT_EQ(countLines(log.text(), kCountedRepeat), bad.closeFirst ? 1 : 0);
     EXPECT_GE(elapsed, bad.closeFirst || !bad.answer ? 1.9 : 0);

@@ -69,7 +69,7 @@ TEST_F(Nginx, TenThousandSmallFilesOnEightWorkersAreAllHandedOut) {
 
 // Records the progress reports, hands files out from inside the callback, cancels when asked to.
 struct Progress {
-    webChannel* channel;
+    webChannel* channel = nullptr;
     bool cancel = false;
     std::mutex mutex;
     std::set<std::thread::id> threads;
@@ -88,7 +88,8 @@ struct Progress {
 TEST_F(Nginx, WorkersReportProgressAndFilesAreHandedOutDuringTheBatch) {
     webChannel channel;
     init(channel, 4, "20");
-    Progress progress{&channel};
+    Progress progress;
+    progress.channel = &channel;
     channel.setHandler(Progress::handler, &progress);
     const std::string m40 = readFile(peers().www + "/m40.bin");
     job(channel, peers().httpUrl("/five.bin"), "/five", 5);
@@ -106,7 +107,9 @@ TEST_F(Nginx, WorkersReportProgressAndFilesAreHandedOutDuringTheBatch) {
 TEST_F(Nginx, ACancelEndsTheBatchEvenWhenFilesArriveInOneRead) {
     webChannel channel;
     init(channel, 2, "20");
-    Progress progress{&channel, true};
+    Progress progress;
+    progress.channel = &channel;
+    progress.cancel = true;
     channel.setHandler(Progress::handler, &progress);
     addSmallFiles(channel, 200);
     const int pending = channel.httpMultiGet(true);

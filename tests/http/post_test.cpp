@@ -95,7 +95,9 @@ TEST_F(Post, BadAnswersFailWithTheirCodeAndErrorAnswersAreKept) {
         ScriptServer server(answerAndClose(answer));
         EXPECT_EQ(post(server.url("/p"), "x"), code) << answer;
         EXPECT_EQ(channel.getErrorCode(nullptr, 0), code);
-        if (kept) EXPECT_EQ(channel.m_response, answer);
+        if (kept) {
+            EXPECT_EQ(channel.m_response, answer);
+        }
     }
 }
 

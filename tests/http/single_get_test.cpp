@@ -212,7 +212,9 @@ TEST_F(SingleGet, MemoryGetTriesThreeConnectionsAgainstResets) {
             if (!c.readRequest().empty()) c.index() == answering ? (void)c.send(httpResponse(200, "third")) : c.reset();
         });
         EXPECT_EQ(get(server.url("/r")), answering < 0 ? kTooManyAttempts : kOk);
-        if (answering > 0) EXPECT_EQ(memory(), "\r\n\r\nthird");
+        if (answering > 0) {
+            EXPECT_EQ(memory(), "\r\n\r\nthird");
+        }
         EXPECT_EQ(server.connections(), 3);
         EXPECT_EQ(server.requests().size(), 3u);
     }

@@ -113,12 +113,13 @@ TEST_F(Connect, SelfSignedPeerCompletesTheHandshakeAndItsFailedVerificationIsOnl
     // The trust store loaded at init: the first of the two places that exists.
     struct stat store;
     const bool bundle = stat("/etc/pki/tls/certs/ca-bundle.crt", &store) == 0;
-    if (bundle || stat("/etc/ssl/certs", &store) == 0)
+    if (bundle || stat("/etc/ssl/certs", &store) == 0) {
         EXPECT_EQ(loggedCount(std::string("VRAXSecureWebChannel::initSSL: using ") +
                               (bundle ? "/etc/pki/tls/certs/ca-bundle.crt" : "/etc/ssl/certs") +
                               " as certificate store " + (S_ISDIR(store.st_mode) ? "dir" : "file")),
                   1)
             << log.text();
+    }
 }
 
 TEST_F(Connect, RecordsAreReusedByHostAndPortAndReplacedOnReconnect) {

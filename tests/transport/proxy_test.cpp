@@ -85,7 +85,9 @@ TEST_F(Proxy, ClosingResettingOrSilentProxiesFailTheTunnelWithTheirCodeLeavingNo
             int result = 0;
             Stopwatch watch;
             EXPECT_EQ(channel.open(peers().httpsUrl("/five.bin"), nullptr, false, &result), nullptr);
-            if (kind == kSilent) EXPECT_TRUE(tookTheTimeout(watch.seconds()));
+            if (kind == kSilent) {
+                EXPECT_TRUE(tookTheTimeout(watch.seconds()));
+            }
             EXPECT_EQ(result, kind == kSilent ? kTunnelRefused : kPeerClosed) << kind;
             EXPECT_EQ(channel.m_errorCode, result);
             EXPECT_TRUE(channel.m_connections.empty());
@@ -93,10 +95,11 @@ TEST_F(Proxy, ClosingResettingOrSilentProxiesFailTheTunnelWithTheirCodeLeavingNo
             requests = proxy.requests();
         }
         EXPECT_EQ(requests.size(), kind == kCloses ? 0u : 1u);
-        if (kind != kCloses)
+        if (kind != kCloses) {
             EXPECT_EQ(requests[0],
                       "CONNECT 127.0.0.1:443 HTTP/1.1\r\nHost: 127.0.0.1:443\r\n"
                       "Proxy-Authorization: Basic dTpw\r\n\r\n");
+        }
         EXPECT_EQ(openDescriptorCount(), descriptors);
     }
     EXPECT_EQ(loggedCount("VRAXSecureWebChannel::connectSSL:"), 0) << log.text();
