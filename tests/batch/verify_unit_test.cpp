@@ -27,7 +27,7 @@ TEST(Digest, IsValidAnswersOneOnlyForTheExactText) {
         int valid;
     };
     const std::string upperSha1 = "AAF4C61DDCC5E8A2DABEDE0F3B482CD9AEA9434D", md5Crlf = md5 + crlf, md5Name = "md5" + crlf;
-    const std::string longFile = dir + "/" + longText;
+    const std::string longFile = dir + "/" + longText, missing = dir + "/missing";
     const Case cases[] = {
         {f, sha1.c_str(), "sha1", 1},
         {empty.c_str(), "d41d8cd98f00b204e9800998ecf8427e", "md5", 1},
@@ -43,7 +43,7 @@ TEST(Digest, IsValidAnswersOneOnlyForTheExactText) {
         {f, sha1.c_str(), none, 0},
         {f, sha1.c_str(), "", 0},
         {longFile.c_str(), md5.c_str(), "md5", 0},
-        {(dir + "/missing").c_str(), sha1.c_str(), "sha1", 0},
+        {missing.c_str(), sha1.c_str(), "sha1", 0},
         {f, sha1.c_str(), "no-such-digest", 0},
         // No file or no known digest gives the empty text, which matches only an empty digest.
         {"/nonexistent", "", "md5", 1},

@@ -13,7 +13,6 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "support/peers.h"
@@ -123,11 +122,15 @@ TEST(Logger, LinesCarryTheirPrefixAreFlushedAtOnceAndDieFormatsOnce) {
     const long t1 = std::time(nullptr);
     std::istringstream in(readFile(log.path));  // read while the file is open: nothing may be buffered
     std::string line;
-    for (const char* expected : {":[0-9]{3} : copied 3 of files", " - WARN : low disk: 5%", " - ERROR : lost peer",
-                                 " - ERROR : fatal: disk full after 3 tries"}) {
+    // Plain lines carry ":" and three digits of milliseconds after the seconds.
+    for (const std::string expected : {":000 : copied 3 of files", " - WARN : low disk: 5%", " - ERROR : lost peer",
+                                       " - ERROR : fatal: disk full after 3 tries"}) {
         ASSERT_TRUE(std::getline(in, line));
         const size_t digits = line.find_first_not_of("0123456789");
-        EXPECT_TRUE(digits > 0 && std::regex_match(line.substr(digits), std::regex(expected))) << line;
+        std::string tail = digits == std::string::npos ? "" : line.substr(digits);
+        if (expected[0] == ':' && tail.size() > 4 && isdigit(tail[1]) && isdigit(tail[2]) && isdigit(tail[3]))
+            tail.replace(1, 3, "000");
+        EXPECT_TRUE(digits > 0 && tail == expected) << line;
         EXPECT_TRUE(std::stol(line) >= t0 && std::stol(line) <= t1) << line;
     }
 }
