@@ -1,21 +1,18 @@
-// Shared by the batch tests: a leak check, content generated from its offset (large files need no
-// memory), a scripted server that routes requests by path, a bounded wait, and a fixture.
+// Shared by the batch tests: content generated from its offset (large files need no memory), a scripted
+// server that routes requests by path, and a fixture that leaves no descriptor or thread behind.
 #ifndef WEBCHANNEL_TESTS_BATCH_HELPERS_H
 #define WEBCHANNEL_TESTS_BATCH_HELPERS_H
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "channel/webChannel.h"
 #include "support/log_capture.h"
@@ -27,6 +24,7 @@ namespace batchtest {
 using testsupport::ScriptServer;
 using testsupport::ServerConnection;
 using Clock = std::chrono::steady_clock;
+using Ints = std::vector<int>;
 
 // The log line of a repeat that costs an attempt and a 2-second pause.
 constexpr const char* kCountedRepeat = "server closed connection, re-creating";
@@ -39,18 +37,9 @@ inline bool eventually(const std::function<bool()>& condition, int millis = 5000
     return true;
 }
 
-// Descriptors and threads of the process when made, compared by check(). (A
-// sanitizer starts a helper thread with the first thread a program makes.)
-struct ResourceCheck {
-    static int threadCount() { return (int)std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); }
-    const int threads = (std::thread([] {}).join(), threadCount());
-    const int descriptors = testsupport::openDescriptorCount();
-    void check() const {
-        EXPECT_EQ(testsupport::openDescriptorCount(), descriptors) << "descriptors leaked";
-        // A joined thread may stay listed for a moment while the kernel ends it.
-        EXPECT_TRUE(eventually([this] { return threadCount() <= threads; }, 1000)) << "threads left running";
-    }
-};
+inline double secondsSince(Clock::time_point t) {
+    return std::chrono::duration<double>(Clock::now() - t).count();
+}
 
 // Content `seed`: byte p is byte p % 8 of mix(mix(seed) ^ p / 8).
 inline uint64_t mix(uint64_t x) {
@@ -62,60 +51,49 @@ inline uint64_t mix(uint64_t x) {
 
 inline std::string generated(uint64_t seed, uint64_t from, size_t count) {
     std::string out(count, '\0');
-    for (size_t i = 0, key = mix(seed); i < count;) {
-        const uint64_t p = from + i, word = mix(key ^ (p >> 3));
-        for (unsigned b = p & 7; b < 8 && i < count; ++b) out[i++] = (char)(word >> (8 * b));
-    }
+    for (size_t i = 0, key = mix(seed); i < count;)
+        for (uint64_t p = from + i, word = mix(key ^ (p >> 3)), b = p & 7; b < 8 && i < count; ++b)
+            out[i++] = (char)(word >> (8 * b));
     return out;
 }
 
-// Lower-case hex digest of `data` followed by `size` bytes of content `seed`.
+// Lower-case hex digest of `data`, then `size` bytes of content `seed`.
 inline std::string digestOf(const std::string& data, const char* algorithm = "md5", uint64_t seed = 0,
                             uint64_t size = 0) {
     EVP_MD_CTX* context = EVP_MD_CTX_new();
     EVP_DigestInit_ex(context, EVP_get_digestbyname(algorithm), nullptr);
     EVP_DigestUpdate(context, data.data(), data.size());
-    for (uint64_t at = 0; at < size; at += 1 << 20) {
-        const std::string block = generated(seed, at, (size_t)std::min<uint64_t>(size - at, 1 << 20));
-        EVP_DigestUpdate(context, block.data(), block.size());
-    }
+    for (uint64_t at = 0; at < size; at += 1 << 20)
+        EVP_DigestUpdate(context, generated(seed, at, std::min<uint64_t>(size - at, 1 << 20)).data(),
+                         std::min<uint64_t>(size - at, 1 << 20));
     unsigned char value[EVP_MAX_MD_SIZE];
     unsigned length = 0;
     EVP_DigestFinal_ex(context, value, &length);
     EVP_MD_CTX_free(context);
     std::string text;
-    for (unsigned i = 0; i < length; ++i)
-        text += {"0123456789abcdef"[value[i] >> 4], "0123456789abcdef"[value[i] & 15]};
+    for (unsigned i = 0; i < length; ++i) text += {"0123456789abcdef"[value[i] >> 4], "0123456789abcdef"[value[i] & 15]};
     return text;
-}
-
-inline std::string generatedDigest(uint64_t seed, uint64_t size) {
-    return digestOf("", "md5", seed, size);
 }
 
 // True when the file holds exactly `size` bytes of content `seed`.
 inline bool fileHoldsGenerated(const std::string& path, uint64_t seed, uint64_t size) {
-    FILE* file = fopen(path.c_str(), "rb");
-    if (file == nullptr) return false;
-    std::vector<char> got(1 << 20);
+    std::ifstream in(path, std::ios::binary);
+    std::string block(1 << 20, '\0');
     uint64_t at = 0;
-    bool same = true;
-    for (size_t n; same && (n = fread(got.data(), 1, got.size(), file)) > 0; at += n)
-        same = at + n <= size && memcmp(got.data(), generated(seed, at, n).data(), n) == 0;
-    fclose(file);
-    if (same && at == size) testsupport::tally("bytes verified", size);
-    return same && at == size;
+    for (size_t n; in && (n = (size_t)in.read(&block[0], block.size()).gcount()) > 0; at += n)
+        if (at + n > size || block.compare(0, n, generated(seed, at, n)) != 0) return false;
+    return in.eof() && at == size;
 }
 
-// The byte range a request asks for ("Range: bytes=a-b"); false without one.
-inline bool requestedRange(const std::string& request, long long& first, long long& last) {
+// The first byte a request asks for ("Range: bytes=a-b"), and in `last` its last; -1 without a Range
+// (`last` then left alone).
+inline long long firstByte(const std::string& request, long long* last = nullptr) {
     const size_t at = request.find("\r\nRange: bytes=");
-    return at != std::string::npos && sscanf(request.c_str() + at, "\r\nRange: bytes=%lld-%lld", &first, &last) == 2;
-}
-
-inline long long firstByte(const std::string& request) {
-    long long first = 0, last = 0;
-    return requestedRange(request, first, last) ? first : 0;
+    long long first = -1, end = -1;
+    if (at == std::string::npos || sscanf(request.c_str() + at, "\r\nRange: bytes=%lld-%lld", &first, &end) != 2)
+        return -1;
+    if (last != nullptr) *last = end;
+    return first;
 }
 
 // The path of the request target, absolute ("http://host/path") or not.
@@ -125,40 +103,34 @@ inline std::string requestPath(const std::string& request) {
     return request.substr(start, request.find(' ', start) - start);
 }
 
-// The head of a 206 (or, without a Range, 200) answer for the asked bytes.
-inline std::string headFor(const std::string& request, uint64_t size, long long& first, long long& count,
-                           bool ignoreRange = false) {
-    long long last = (long long)size - 1;
-    first = 0;
-    const bool ranged = !ignoreRange && requestedRange(request, first, last);
-    count = std::max(0LL, std::min(last, (long long)size - 1) - first + 1);
-    return std::string(ranged ? "HTTP/1.1 206 Partial Content\r\n" : "HTTP/1.1 200 OK\r\n") +
-           "Content-Length: " + std::to_string(count) + "\r\n\r\n";
+// Answers as a range-capable server does (`whole`: always the whole file, with a 200), sending at most
+// `limit` body bytes. Whether all went out; `sent` gets the body bytes sent.
+inline bool serve(ServerConnection& c, const std::string& request, uint64_t seed, uint64_t size, bool whole = false,
+                  long long limit = -1, long long* sent = nullptr) {
+    long long last = (long long)size - 1, first = whole ? -1 : firstByte(request, &last);
+    const bool ranged = first >= 0;
+    first = std::max(first, 0LL);
+    const long long count = std::max(0LL, std::min(last, (long long)size - 1) - first + 1);
+    bool ok = c.send(std::string(ranged ? "HTTP/1.1 206 Partial Content" : "HTTP/1.1 200 OK") +
+                     "\r\nContent-Length: " + std::to_string(count) + "\r\n\r\n");
+    const long long body = limit < 0 ? count : std::min(count, limit);
+    for (long long at = 0; ok && at < body; at += 1 << 20)
+        ok = c.send(generated(seed, (uint64_t)(first + at), (size_t)std::min<long long>(body - at, 1 << 20)));
+    if (sent != nullptr) *sent = body;
+    return ok;
 }
 
-// Answers as a range-capable server does (or, with `ignoreRange`, always 200).
-inline bool serveGenerated(ServerConnection& c, const std::string& request, uint64_t seed, uint64_t size,
-                           bool ignoreRange = false) {
-    long long first = 0, count = 0;
-    bool sent = c.send(headFor(request, size, first, count, ignoreRange));
-    for (long long at = 0; sent && at < count; at += 1 << 20)
-        sent = c.send(generated(seed, (uint64_t)(first + at), (size_t)std::min<long long>(count - at, 1 << 20)));
+// Sends the head for the asked bytes and half of them (at most `limit`); the bytes sent.
+inline long long sendHalf(ServerConnection& c, const std::string& request, uint64_t seed, uint64_t size,
+                          long long limit = 1LL << 40) {
+    long long last = (long long)size - 1, first = std::max(0LL, firstByte(request, &last)), sent = 0;
+    serve(c, request, seed, size, false, std::min(limit, (last - first + 1) / 2), &sent);
     return sent;
 }
 
-// Sends the head for the asked bytes and half of them (at most `limit`).
-inline long long sendHalf(ServerConnection& c, const std::string& request, uint64_t seed, uint64_t size,
-                          long long limit = 1LL << 40) {
-    long long first = 0, count = 0;
-    const std::string head = headFor(request, size, first, count);
-    const long long half = std::min(count / 2, limit);
-    c.send(head + generated(seed, (uint64_t)first, (size_t)half));
-    return half;
-}
-
-// A scripted server dispatching each request by its path. A route gets the
-// connection, the request and how many requests for that path came before;
-// it answers false to end the connection. Unknown paths get a 404.
+// A scripted server dispatching each request by its path. A route gets the connection, the request and
+// how many requests for that path came before; it answers false to end the connection. Unknown paths get
+// a 404.
 class Routes {
 public:
     using Route = std::function<bool(ServerConnection&, const std::string& request, int attempt)>;
@@ -192,10 +164,8 @@ private:
     ScriptServer m_server;  // last: its handlers are joined before the routes go
 };
 
-inline Routes::Route content(uint64_t seed, uint64_t size, bool ignoreRange = false) {
-    return [=](ServerConnection& c, const std::string& request, int) {
-        return serveGenerated(c, request, seed, size, ignoreRange);
-    };
+inline Routes::Route content(uint64_t seed, uint64_t size, bool whole = false) {
+    return [=](ServerConnection& c, const std::string& request, int) { return serve(c, request, seed, size, whole); };
 }
 
 // Bytes a running batch has written of the piece of `path` ending at `end`.
@@ -210,24 +180,28 @@ inline long long pieceWritten(webChannel& channel, const std::string& path, long
 // The batch's first failure as the host reads it: code and "<words>: <file>".
 inline void expectFirstFailure(webChannel& channel, int code, const std::string& file) {
     char text[4096];
-    memset(text, 'x', sizeof(text));
     EXPECT_EQ(channel.getErrorCode(text, (int)sizeof(text)), code);
     EXPECT_EQ(std::string(text), std::string(wc::resultText(code)) + ": " + file);
 }
 
 // Everything getNextDownloadedFile hands out now, in order.
-inline std::vector<int> handedOut(webChannel& channel) {
-    std::vector<int> indexes;
+inline Ints handedOut(webChannel& channel) {
+    Ints indexes;
     for (int i = 0, index; i < 1000000 && (index = channel.getNextDownloadedFile()) >= 0; ++i) indexes.push_back(index);
     return indexes;
 }
 
-// A fresh directory per test; what the test body made leaves no descriptor or thread behind.
+// A fresh directory per test; what the test body made leaves no descriptor or thread behind (a sanitizer
+// starts a helper thread with the first thread a program makes, hence the thread made first).
 template <class Base = ::testing::Test>
 class Fixture : public Base {
 protected:
-    void TearDown() override { resources.check(); }
-    static double secondsSince(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+    static int threads() { return (int)std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); }
+    void TearDown() override {
+        EXPECT_EQ(testsupport::openDescriptorCount(), descriptors) << "descriptors leaked";
+        // A joined thread may stay listed for a moment while the kernel ends it.
+        EXPECT_TRUE(eventually([this] { return threads() <= threadsBefore; }, 1000)) << "threads left running";
+    }
     static int errorCodeNow(webChannel& channel) { return __atomic_load_n(&channel.m_errorCode, __ATOMIC_SEQ_CST); }
     static void init(webChannel& channel, unsigned workers, const char* timeout = "2") {
         ASSERT_EQ(channel.init(workers), 0);
@@ -236,15 +210,15 @@ protected:
     // Adds a job into dir + name and expects `result`.
     void job(VRAXSecureWebChannel& channel, const std::string& url, const std::string& name, long long size,
              const std::string& digest = "", const char* algorithm = nullptr, int result = 0) {
-        ASSERT_EQ(
-            channel.addJob(url.c_str(), (dir + name).c_str(), size, algorithm ? digest.c_str() : nullptr, algorithm),
-            result)
-            << url;
+        EXPECT_EQ(channel.addJob(url.c_str(), (dir + name).c_str(), size, algorithm ? digest.c_str() : nullptr, algorithm),
+                  result) << url;
     }
+    // A job for `size` bytes of content `seed`, with their MD5.
     void add(webChannel& channel, const std::string& url, const std::string& name, uint64_t seed, uint64_t size) {
-        job(channel, url, name, (long long)size, generatedDigest(seed, size), "md5");
+        job(channel, url, name, (long long)size, digestOf("", "md5", seed, size), "md5");
     }
-    ResourceCheck resources;
+    const int threadsBefore = (std::thread([] {}).join(), threads());
+    const int descriptors = testsupport::openDescriptorCount();
     const std::string dir = testsupport::tempDir();
 };
 

@@ -1,6 +1,5 @@
-// Whole batches against the real nginx over HTTP and HTTPS: mixed batches on
-// 1 to 64 workers, ten thousand small files, progress and cancellation.
-#include <mutex>
+// Whole batches against the real nginx over HTTP and HTTPS: mixed batches on 1 to 64 workers with progress
+// reports, ten thousand small files, cancellation.
 #include <set>
 
 #include "batch/batch_helpers.h"
@@ -11,6 +10,26 @@ using namespace batchtest;
 using testsupport::peers;
 using testsupport::readFile;
 
+// Records the progress reports, hands files out from inside the callback, cancels when asked to.
+struct Progress {
+    explicit Progress(webChannel* channel, bool cancel = false) : channel(channel), cancel(cancel) {}
+    webChannel* channel;
+    bool cancel;
+    std::mutex mutex;
+    const std::thread::id host = std::this_thread::get_id();
+    std::set<std::thread::id> threads;  // workers that reported
+    long long maxTotal = 0;
+    Ints handed;
+    static void handler(bool& cancel, int, long long, long long total, int, void* data) {
+        auto* self = static_cast<Progress*>(data);
+        std::lock_guard<std::mutex> lock(self->mutex);
+        if (std::this_thread::get_id() != self->host) self->threads.insert(std::this_thread::get_id());
+        self->maxTotal = std::max(self->maxTotal, total);
+        for (int index; (index = self->channel->getNextDownloadedFile()) >= 0;) self->handed.push_back(index);
+        cancel = self->cancel;
+    }
+};
+
 // Name, added with size 0 (the channel asks the server), digest algorithm.
 const std::tuple<std::string, bool, const char*> kMixed[] = {
     {"/empty.bin", true, "md5"}, {"/five.bin", false, "sha1"},   {"/k256m1.bin", false, "sha256"},
@@ -20,18 +39,27 @@ const std::tuple<std::string, bool, const char*> kMixed[] = {
 
 class MixedBatch : public Fixture<::testing::TestWithParam<std::tuple<unsigned, bool>>> {};
 
-TEST_P(MixedBatch, EveryFileArrivesVerifiedAndIsHandedOutOnceInOrder) {
+TEST_P(MixedBatch, EveryFileArrivesVerifiedAndIsHandedOutOnceDuringOrAfterTheBatch) {
     const auto [workers, https] = GetParam();
     webChannel channel;
     init(channel, workers, "20");
+    Progress progress(&channel);
+    channel.setHandler(Progress::handler, &progress);
+    long long total = 0;
     for (const auto& [name, probe, algorithm] : kMixed) {
         const std::string source = readFile(peers().www + name);
+        total += (long long)source.size();
         job(channel, https ? peers().httpsUrl(name) : peers().httpUrl(name), "/sub" + name,
             probe ? 0 : (long long)source.size(), digestOf(source, algorithm), algorithm);
     }
     EXPECT_EQ(channel.httpMultiGet(true), 0);
     EXPECT_EQ(channel.getErrorCode(nullptr, 0), 0);
-    EXPECT_EQ(handedOut(channel), (std::vector<int>{0, 1, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(progress.threads.size() > 1, workers > 1);
+    EXPECT_EQ(progress.maxTotal, total);
+    Ints handed = handedOut(channel);
+    handed.insert(handed.end(), progress.handed.begin(), progress.handed.end());
+    std::sort(handed.begin(), handed.end());
+    EXPECT_EQ(handed, (Ints{0, 1, 2, 3, 4, 5, 6}));
     for (const auto& [name, probe, algorithm] : kMixed)
         EXPECT_TRUE(readFile(dir + "/sub" + name) == readFile(peers().www + name)) << name;
     // Finished work leaves the thread lists; a second batch has nothing to do.
@@ -47,75 +75,38 @@ INSTANTIATE_TEST_SUITE_P(WorkersAndProtocols, MixedBatch,
                                     (std::get<1>(info.param) ? "WorkersHttps" : "WorkersHttp");
                          });
 
-class Nginx : public Fixture<> {
+// small/f00000.bin and the next ones, 1024 bytes each, size-checked only.
+class SmallFiles : public Fixture<> {
 protected:
     static std::string small(int i) { return "/small/f" + std::to_string(100000 + i).substr(1) + ".bin"; }
-    // small/f00000.bin and the next ones, 1024 bytes each, size-checked only.
-    void addSmallFiles(webChannel& channel, int count) {
+    void add(webChannel& channel, int count) {
         for (int i = 0; i < count; ++i) job(channel, peers().httpUrl(small(i)), small(i), 1024);
     }
 };
 
-TEST_F(Nginx, TenThousandSmallFilesOnEightWorkersAreAllHandedOut) {
+TEST_F(SmallFiles, TenThousandOnEightWorkersAreAllHandedOutOnce) {
     webChannel channel;
     init(channel, 8, "20");
-    addSmallFiles(channel, 10000);
+    add(channel, 10000);
     EXPECT_EQ(channel.httpMultiGet(true), 0);
-    const std::vector<int> handed = handedOut(channel);
-    EXPECT_EQ(handed.size(), 10000u);
+    const Ints handed = handedOut(channel);
     EXPECT_EQ(std::set<int>(handed.begin(), handed.end()).size(), 10000u);
+    EXPECT_EQ(handed.size(), 10000u);
     EXPECT_TRUE(readFile(dir + small(9999)) == readFile(peers().www + small(9999)));
 }
 
-// Records the progress reports, hands files out from inside the callback, cancels when asked to.
-struct Progress {
-    webChannel* channel = nullptr;
-    bool cancel = false;
-    std::mutex mutex;
-    std::set<std::thread::id> threads;
-    long long maxTotal = 0;
-    std::vector<int> handed;
-    static void handler(bool& cancel, int, long long, long long total, int, void* data) {
-        auto* self = static_cast<Progress*>(data);
-        std::lock_guard<std::mutex> lock(self->mutex);
-        self->threads.insert(std::this_thread::get_id());
-        self->maxTotal = std::max(self->maxTotal, total);
-        for (int index; (index = self->channel->getNextDownloadedFile()) >= 0;) self->handed.push_back(index);
-        cancel = self->cancel;
-    }
-};
-
-TEST_F(Nginx, WorkersReportProgressAndFilesAreHandedOutDuringTheBatch) {
-    webChannel channel;
-    init(channel, 4, "20");
-    Progress progress;
-    progress.channel = &channel;
-    channel.setHandler(Progress::handler, &progress);
-    const std::string m40 = readFile(peers().www + "/m40.bin");
-    job(channel, peers().httpUrl("/five.bin"), "/five", 5);
-    job(channel, peers().httpUrl("/m40.bin"), "/m40", (long long)m40.size(), digestOf(m40), "md5");
-    EXPECT_EQ(channel.httpMultiGet(true), 0);
-    EXPECT_GT(progress.threads.size(), 1u);
-    EXPECT_EQ(progress.maxTotal, (long long)m40.size() + 5);
-    std::sort(progress.handed.begin(), progress.handed.end());
-    EXPECT_EQ(progress.handed, (std::vector<int>{0, 1}));
-    EXPECT_TRUE(readFile(dir + "/m40") == m40);
-}
-
-// Each small file arrives in one read: the cancel still ends the batch, each
-// worker finishing at most the file it was on, and what finished stays whole.
-TEST_F(Nginx, ACancelEndsTheBatchEvenWhenFilesArriveInOneRead) {
+// Each small file arrives in one read: the cancel still ends the batch, each worker finishing at most the
+// file it was on, and what finished stays whole.
+TEST_F(SmallFiles, ACancelFromTheProgressCallbackEndsTheBatch) {
     webChannel channel;
     init(channel, 2, "20");
-    Progress progress;
-    progress.channel = &channel;
-    progress.cancel = true;
+    Progress progress(&channel, true);
     channel.setHandler(Progress::handler, &progress);
-    addSmallFiles(channel, 200);
+    add(channel, 200);
     const int pending = channel.httpMultiGet(true);
     EXPECT_GE(pending, 190);
     EXPECT_EQ(channel.getErrorCode(nullptr, 0), kCancelled);
-    std::vector<int> handed = handedOut(channel);
+    Ints handed = handedOut(channel);
     handed.insert(handed.end(), progress.handed.begin(), progress.handed.end());
     EXPECT_EQ((int)handed.size(), 200 - pending);
     for (int i : handed) EXPECT_TRUE(readFile(dir + small(i)) == readFile(peers().www + small(i))) << i;

@@ -1,10 +1,8 @@
-// Load: 64 workers over 2,000 files and one large file cut into many pieces,
-// from a server that resets a tenth of its connections, batch after batch
-// until complete; and 100 create/init/batch/close/destroy cycles.
+// Load: 64 workers over 2,000 files and one large file cut into many pieces, from a server that resets a
+// tenth of its connections, batch after batch until complete; and 100 channel lifecycles.
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <set>
 
 #include "batch/batch_helpers.h"
@@ -14,9 +12,8 @@ namespace {
 using namespace batchtest;
 using testsupport::peers;
 using testsupport::readFile;
+using Stress = Fixture<>;
 
-// The large file is generated from its offsets, never held in memory: 2 GiB
-// (about 20 s); sanitizer builds use 64 MiB unless WEBCHANNEL_STRESS_FULL=1.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitized = true;
 #else
@@ -26,19 +23,18 @@ constexpr int kFiles = 2000;
 constexpr uint64_t kSeed = 20240601, kLargeSeed = 77;
 
 uint64_t smallSize(int i) {
-    return 1024 + mix(kSeed + i) % (31 * 1024);
-}  // 1 to 32 KiB
+    return 1024 + mix(kSeed + i) % (31 * 1024);  // 1 to 32 KiB
+}
 
-using Stress = Fixture<>;
-
+// The large file is generated from its offsets, never held in memory: 2 GiB (about 20 s); sanitizer
+// builds use 64 MiB unless WEBCHANNEL_STRESS_FULL=1.
 TEST_F(Stress, SixtyFourWorkersFinishTwoThousandFilesAndALargeFileWhileATenthOfConnectionsAreReset) {
     const char* full = std::getenv("WEBCHANNEL_STRESS_FULL");
     const uint64_t large = !kSanitized || (full && std::string(full) == "1") ? 2ULL << 30 : 64ULL << 20;
     std::atomic<int> resets{0};
     ScriptServer server([&](ServerConnection& c) {
-        // A tenth of the connections, drawn from a fixed seed, are reset in the
-        // middle of an answer: of a piece of the large file at once, of small
-        // files after a few answers.
+        // A tenth of the connections, drawn from a fixed seed, are reset in the middle of an answer: of a
+        // piece of the large file at once, of small files after a few answers.
         const uint64_t draw = mix(kSeed ^ c.index());
         for (int n = 0; n < 1000000; ++n) {
             const std::string request = c.readRequest(30000), path = requestPath(request);
@@ -50,7 +46,7 @@ TEST_F(Stress, SixtyFourWorkersFinishTwoThousandFilesAndALargeFileWhileATenthOfC
                 sendHalf(c, request, seed, size, 256 * 1024);
                 return c.reset();
             }
-            if (!serveGenerated(c, request, seed, size)) return;
+            if (!serve(c, request, seed, size)) return;
         }
     });
     webChannel channel;
@@ -75,8 +71,8 @@ TEST_F(Stress, SixtyFourWorkersFinishTwoThousandFilesAndALargeFileWhileATenthOfC
     EXPECT_LT(elapsed, 240.0);
     std::set<long long> pieceEnds;  // of the large file, asked for in many pieces
     for (const std::string& request : server.requests()) {
-        long long first = 0, last = 0;
-        if (requestPath(request) == "/large" && requestedRange(request, first, last)) pieceEnds.insert(last);
+        long long last = -1;
+        if (requestPath(request) == "/large" && firstByte(request, &last) >= 0) pieceEnds.insert(last);
     }
     EXPECT_GE(pieceEnds.size(), 32u);
     // Handed out means verified by the channel; the bytes are checked too.
@@ -86,31 +82,24 @@ TEST_F(Stress, SixtyFourWorkersFinishTwoThousandFilesAndALargeFileWhileATenthOfC
     unlink((dir + "/large").c_str());  // leave no gigabytes behind
 }
 
-// Through the exported factory; each cycle fetches from nginx over HTTP and
-// HTTPS, and keeps its connections for close().
+// Through the exported factory; each cycle fetches from nginx over HTTP and HTTPS, and keeps its
+// connections for close(). The fixture finds what a cycle leaked.
 TEST_F(Stress, AHundredChannelLifecyclesThroughTheFactoryLeakNothing) {
-    const std::string five = readFile(peers().www + "/five.bin"), small = readFile(peers().www + "/small/f00042.bin");
-    int cycles = 0;
-    for (int cycle = 0; cycle < 100 && !HasFailure(); ++cycle, ++cycles) {
+    const std::string small = readFile(peers().www + "/small/f00042.bin");
+    for (int cycle = 0; cycle < 100 && !HasFailure(); ++cycle) {
         VRAXSecureWebChannel* channel = VRAXSecureWebChannelCreate();
-        ASSERT_NE(channel, nullptr);
         ASSERT_EQ(channel->init(4), 0);
         channel->setParam(kParamTimeout, "10", true);
         const std::string sub = "/" + std::to_string(cycle);
         job(*channel, peers().httpUrl("/five.bin"), sub + "/five", 5, digestOf("hello"), "md5");
         job(*channel, peers().httpsUrl("/small/f00042.bin"), sub + "/small", 1024);
         EXPECT_EQ(channel->httpMultiGet(false), 0);
-        int handed = 0;
-        while (channel->getNextDownloadedFile() >= 0) ++handed;
-        EXPECT_EQ(handed, 2);
+        EXPECT_EQ(channel->getNextDownloadedFile() + channel->getNextDownloadedFile(), 1);  // 0 and 1
+        EXPECT_EQ(channel->getNextDownloadedFile(), -1);
         channel->close();
         VRAXSecureWebChannelDestroy(channel);
-        if (cycle % 99 == 0) {
-            EXPECT_TRUE(readFile(dir + sub + "/five") == five);
-            EXPECT_TRUE(readFile(dir + sub + "/small") == small);
-        }
+        EXPECT_TRUE(readFile(dir + sub + "/small") == small);
     }
-    EXPECT_EQ(cycles, 100);
 }
 
 }  // namespace

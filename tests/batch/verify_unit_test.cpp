@@ -3,17 +3,18 @@
 // or an algorithm that is not there.
 #include <gtest/gtest.h>
 
-#include <climits>
+#include <filesystem>
 #include <fstream>
 
 #include "channel/webChannel.h"
-#include "support/peers.h"
 
 namespace {
 
 TEST(Digest, IsValidAnswersOneOnlyForTheExactText) {
     webChannel channel;
-    const std::string dir = testsupport::tempDir(), file = dir + "/hello", empty = dir + "/empty";
+    std::string dir = (std::filesystem::temp_directory_path() / "webchannel-digest-XXXXXX").string();
+    ASSERT_NE(mkdtemp(&dir[0]), nullptr);
+    const std::string file = dir + "/hello", empty = dir + "/empty";
     std::ofstream(file) << "hello";
     std::ofstream{empty};
     const std::string sha1 = "aaf4c61ddcc5e8a2dabede0f3b482cd9aea9434d", md5 = "5d41402abc4b2a76b9719d911017c592";
@@ -55,6 +56,7 @@ TEST(Digest, IsValidAnswersOneOnlyForTheExactText) {
         EXPECT_EQ(channel.isValid(c.file, c.digest, c.algorithm), c.valid);
         EXPECT_EQ(channel.isValid_c(c.file, c.digest, c.algorithm), c.valid);
     }
+    std::filesystem::remove_all(dir);
 }
 
 }  // namespace

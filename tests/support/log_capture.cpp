@@ -2,8 +2,6 @@
 
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -13,11 +11,11 @@ namespace testsupport {
 
 LogCapture::LogCapture() {
     char name[] = "/tmp/webchannel-log-XXXXXX";
-    int fd = mkstemp(name);
+    const int fd = mkstemp(name);
     if (fd >= 0) ::close(fd);
     m_path = name;
-    // Swapped in directly: a channel destroyed later closes the log and
-    // clears the stream, which this capture tolerates.
+    // Swapped in directly: a channel destroyed later closes the log and clears the stream, which this
+    // capture tolerates.
     webChannel::m_log = fopen(m_path.c_str(), "a+");
 }
 
@@ -29,29 +27,23 @@ LogCapture::~LogCapture() {
 }
 
 std::string LogCapture::text() const {
-    std::ifstream in(m_path, std::ios::binary);
     std::ostringstream out;
-    out << in.rdbuf();
+    out << std::ifstream(m_path, std::ios::binary).rdbuf();
     return out.str();
 }
 
 std::vector<std::string> LogCapture::lines() const {
     std::vector<std::string> result;
     std::istringstream in(text());
-    std::string line;
-    while (std::getline(in, line)) {
-        size_t prefix = line.find(" : ");
-        result.push_back(prefix == std::string::npos ? line : line.substr(prefix + 3));
-    }
+    for (std::string line; std::getline(in, line);)
+        result.push_back(line.find(" : ") == std::string::npos ? line : line.substr(line.find(" : ") + 3));
     return result;
 }
 
 int countLines(const std::string& log, const std::string& needle) {
     int count = 0;
     std::istringstream in(log);
-    std::string line;
-    while (std::getline(in, line))
-        if (line.find(needle) != std::string::npos) ++count;
+    for (std::string line; std::getline(in, line);) count += line.find(needle) != std::string::npos;
     return count;
 }
 

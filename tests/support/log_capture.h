@@ -9,7 +9,7 @@ namespace testsupport {
 
 class LogCapture {
 public:
-    LogCapture();   // opens a fresh log file through the channel's setLog
+    LogCapture();   // opens a fresh log file as the channel's log
     ~LogCapture();  // switches the channel's log off and deletes the file
     std::string text() const;
     std::vector<std::string> lines() const;  // messages, without the time prefix

@@ -1,0 +1,303 @@
+// The exported interface and the channel's own state, without a socket. The public headers come first, so
+// a header that needs anything else breaks the build.
+#include "VRAXSecureWebChannel.h"
+#include "util/webutil.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+#include <fstream>
+#include <numeric>
+#include <sstream>
+#include <tuple>
+
+#include "channel/globals.h"
+#include "channel/webChannel.h"
+#include "support/log_capture.h"
+
+namespace {
+
+using testsupport::countLines;
+using Lines = std::vector<std::string>;
+
+// Itanium layout: a pointer to a virtual member holds 1 + its slot's offset.
+template <typename... F>
+std::vector<size_t> slotsOf(F... members) {
+    auto slot = [](auto member) {
+        size_t raw[2];
+        static_assert(sizeof(member) == sizeof(raw), "pointer to member function");
+        std::memcpy(raw, &member, sizeof(raw));
+        return (raw[0] - 1) / sizeof(void*);
+    };
+    return {slot(members)...};
+}
+
+TEST(Interface, SlotsFollowTheDocumentedOrder) {
+    using C = VRAXSecureWebChannel;
+    EXPECT_TRUE(std::is_abstract<C>::value && std::has_virtual_destructor<C>::value);
+    std::vector<size_t> order(21);
+    std::iota(order.begin(), order.end(), 0);
+    EXPECT_EQ(slotsOf(&C::setLog, &C::init, &C::setProxy,
+                      static_cast<const char* (C::*)(const char*)>(&C::resolveProxy), &C::setHandler, &C::setParam,
+                      &C::getParam, &C::getNextDownloadedFile, &C::getErrorCode,
+                      static_cast<int (C::*)(const char*, const char*)>(&C::httpGet),
+                      static_cast<int (C::*)(const char*)>(&C::httpGet), &C::httpGet_c, &C::httpPost, &C::httpResponse,
+                      &C::addJob, &C::addJob_c, &C::httpMultiGet, &C::removeJob, &C::isValid, &C::isValid_c, &C::close),
+              order);
+}
+
+TEST(Factory, CreatesOneSharedInstanceAndCountsReferences) {
+    testsupport::LogCapture capture;
+    VRAXSecureWebChannel* first = VRAXSecureWebChannelCreate();
+    EXPECT_EQ(VRAXSecureWebChannelCreate(), first);
+    VRAXSecureWebChannelDestroy(nullptr);
+    EXPECT_EQ(gRefCnt, 2u);
+    VRAXSecureWebChannelDestroy(first);
+    EXPECT_TRUE(gRefCnt == 1 && gInstance == first);
+    VRAXSecureWebChannelDestroy(first);
+    VRAXSecureWebChannelDestroy(first);  // beyond the count: ignored
+    EXPECT_TRUE(gRefCnt == 0 && gInstance == nullptr);
+    Lines lines = capture.lines();
+    lines.resize(2);
+    EXPECT_EQ(lines, (Lines{"VRAXSecureWebChannelDestroy: references remaining: 1",
+                            "VRAXSecureWebChannelDestroy: destroying WebChannel instance"}));
+}
+
+TEST(Init, WorkersAreEightByDefaultAtMost64AndAnotherInitOrCloseStartsOverButKeepsTheTlsContext) {
+    testsupport::LogCapture capture;
+    webChannel channel;
+    for (const auto& [asked, workers] : {std::make_pair(0u, 8u), {1000u, 64u}, {UINT_MAX, 64u}, {3u, 3u}}) {
+        EXPECT_EQ(channel.init(asked), 0);
+        EXPECT_EQ(channel.m_threadNum, workers) << asked;
+    }
+    std::memset(channel.m_buffer, 1, 3 * kBufferSlice);  // every worker's slice usable to the last byte
+    EXPECT_EQ(std::vector<int>(channel.m_incomplete, channel.m_incomplete + 3), std::vector<int>(3, 0));
+    ASSERT_EQ(channel.init(4), 0);
+    SSL_CTX* context = channel.m_sslContext;
+    ASSERT_NE(context, nullptr);
+    channel.setParam(kParamTimeout, "9", true);
+    channel.m_httpGetJobs.emplace_back("http://h:1/a");
+    channel.m_httpGetJobs.back().size = 10 << 20;
+    channel.m_httpGetJobs.back().end = (10 << 20) - 1;
+    channel.initBatch();
+    ASSERT_EQ(channel.m_batch.size(), 4u);
+    channel.m_downloaded["http://h:1/a"] = -1;
+    channel.recordFailure(kBadStatus, "f");
+    channel.m_response = "r";
+    channel.m_responseLength = 5;
+    ASSERT_EQ(channel.init(2), 0);
+    EXPECT_EQ(channel.m_sslContext, context);
+    EXPECT_TRUE(channel.m_httpGetJobs.empty() && channel.m_downloaded.empty());
+    EXPECT_EQ(std::make_tuple(channel.m_errorCode, channel.m_errorContext + channel.m_response, channel.m_responseLength),
+              std::make_tuple(0, std::string(), 0LL));
+    ASSERT_EQ(channel.m_batch.size(), 2u);
+    EXPECT_TRUE(channel.m_batch[0]->jobs.empty() && channel.m_batch[1]->jobs.empty());
+    Lines initLines;
+    for (const std::string& line : capture.lines())
+        if (line.rfind("webChannel::init", 0) == 0) initLines.push_back(line);
+    EXPECT_EQ(countLines(capture.text(), "webChannel::init - start initSSL"), 1);  // by the first init only
+    ASSERT_GE(initLines.size(), 6u);
+    EXPECT_EQ(Lines(initLines.end() - 6, initLines.end()),
+              (Lines{"webChannel::init - start with threadNum = 4", "webChannel::init - free m_incomplete",
+                     "webChannel::init - check m_sslContext", "webChannel::init - start with threadNum = 2",
+                     "webChannel::init - free m_incomplete", "webChannel::init - check m_sslContext"}));
+    channel.m_httpGetJobs.emplace_back("http://h:1/b");
+    channel.close();
+    channel.close();
+    EXPECT_EQ(channel.getProxyTimeout(), 9);  // parameters and jobs survive both
+    EXPECT_EQ(channel.m_httpGetJobs.size(), 1u);
+    EXPECT_EQ(channel.m_sslContext, context);
+    EXPECT_TRUE(channel.m_batch.empty() && channel.m_connections.empty());
+}
+
+// A host that forgets init: transfers are refused, a job of known size is still listed, and nothing
+// crashes or is handed out.
+TEST(Init, OperationsWithoutInitFailCleanly) {
+    webChannel fresh;
+    VRAXSecureWebChannel& channel = fresh;
+    char body[] = "x", file[] = "/tmp/webchannel-no-init-XXXXXX";
+    ::close(mkstemp(file));
+    EXPECT_EQ(channel.httpMultiGet(false), kInvalidArgument);
+    EXPECT_EQ(channel.httpGet("http://127.0.0.1:1/a", file), kInvalidArgument);
+    EXPECT_EQ(channel.httpPost("http://127.0.0.1:1/a", nullptr, body, false), kInvalidArgument);
+    EXPECT_EQ(channel.addJob("http://127.0.0.1:1/a", file, 0, nullptr, nullptr), kInvalidArgument);
+    EXPECT_EQ(channel.addJob("http://127.0.0.1:1/a", file, 5, nullptr, nullptr), 0);
+    EXPECT_EQ(channel.httpMultiGet(true), kInvalidArgument);
+    EXPECT_EQ(channel.getNextDownloadedFile(), -1);
+    EXPECT_EQ(channel.getErrorCode(nullptr, 0), 0);
+    channel.close();
+    channel.close();
+    unlink(file);
+}
+
+// Each line: wall-clock seconds, ":", three digits of milliseconds, " : ", the message; the messages
+// alone, or "?" for a line of another shape.
+Lines messages(const std::string& text) {
+    Lines result;
+    for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
+        const std::string line = text.substr(at, end - at);
+        const size_t colon = line.find_first_not_of("0123456789");
+        const bool shaped = colon > 0 && colon != std::string::npos && line.size() >= colon + 7 &&
+                            line.compare(colon, 1, ":") == 0 &&
+                            line.find_first_not_of("0123456789", colon + 1) == colon + 4 &&
+                            line.compare(colon + 4, 3, " : ") == 0;
+        result.push_back(shaped ? line.substr(colon + 7) : "?");
+    }
+    return result;
+}
+
+TEST(Log, LinesGoToTheFileOrStandardOutputUntilDestructionClosesTheFile) {
+    char path[] = "/tmp/webchannel-log-test-XXXXXX";
+    ::close(mkstemp(path));
+    for (const char* message : {"first", "second"}) {
+        webChannel channel;
+        webChannel::log("never written");  // no log until setLog
+        channel.setLog(path);
+        webChannel::log("%s", message);
+    }
+    EXPECT_EQ(webChannel::m_log, nullptr);
+    const std::string started = "VRAXSecureWebChannel::~webChannel: started", opened = "webChannel::setLog " + std::string(path);
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    EXPECT_EQ(messages(text.str()), (Lines{opened, "first", started, opened, "second", started}));
+    unlink(path);
+    testing::internal::CaptureStdout();
+    {
+        webChannel channel;
+        channel.setLog(nullptr);
+        webChannel::log("to %s", "stdout");
+    }
+    EXPECT_EQ(messages(testing::internal::GetCapturedStdout()), (Lines{"webChannel::setLog (null)", "to stdout", started}));
+    EXPECT_TRUE(webChannel::m_log == nullptr && fputs("", stdout) != EOF);  // stdout is left open
+}
+
+TEST(Params, JobParametersGoToTheLastJobTheTimeoutFallsBackTo300AndTheCookieGoesWithItsSwitch) {
+    struct Recording : webChannel {
+        std::vector<int> removed;
+        void setParam(int id, const char* v, bool channel) override {
+            if (v == nullptr) removed.push_back(id);
+            webChannel::setParam(id, v, channel);
+        }
+    } channel;
+    std::string value;
+    channel.setParam(kParamUser, "u", false);
+    EXPECT_FALSE(channel.getParam(kParamUser, value, false));  // no job yet
+    channel.m_httpGetJobs.emplace_back("http://h:1/a");
+    channel.m_httpGetJobs.emplace_back("http://h:1/b");
+    channel.setParam(kParamUser, "u", false);
+    channel.setParam(kParamUser, nullptr, false);  // a job parameter cannot be removed
+    EXPECT_TRUE(channel.getParam(kParamUser, value, false) && value == "u");
+    EXPECT_TRUE(channel.m_httpGetJobs.front().params.empty());
+    EXPECT_FALSE(channel.getParam(kParamUser, value, true));
+    EXPECT_EQ(channel.getProxyTimeout(), 300);
+    for (const std::string& text : Lines{"0", "-5", "abc", "", "\r\nX: 1", std::string(9999, 'a')}) {
+        channel.setParam(kParamTimeout, text.c_str(), true);
+        EXPECT_EQ(channel.getProxyTimeout(), 300) << text.substr(0, 10);
+    }
+    channel.setParam(kParamTimeout, "7\r\n", true);
+    EXPECT_EQ(channel.getProxyTimeout(), 7);
+    // Removing the cookie switch removes the cookie, through the interface; not the other way round.
+    channel.setParam(kParamCookieCapture, "", true);
+    channel.setParam(kParamCookie, "c=1", true);
+    channel.setParam(kParamCookie, nullptr, true);
+    EXPECT_TRUE(channel.getParam(kParamCookieCapture, value, true));
+    channel.setParam(kParamCookie, "c=1", true);
+    channel.setParam(kParamCookieCapture, nullptr, true);
+    EXPECT_FALSE(channel.getParam(kParamCookieCapture, value, true) || channel.getParam(kParamCookie, value, true));
+    EXPECT_EQ(channel.removed, (std::vector<int>{kParamUser, kParamCookie, kParamCookieCapture, kParamCookie}));
+}
+
+TEST(ErrorState, GetErrorCodeWritesOnlyInsideTheBufferAndCutsTheLastCharacter) {
+    webChannel channel;
+    char guard[16];
+    auto call = [&](int size) {  // the whole guard after a call on its bytes 4 to 4 + size
+        std::memset(guard, 'g', sizeof(guard));
+        EXPECT_EQ(channel.getErrorCode(guard + 4, size), channel.m_errorCode);
+        return std::string(guard, sizeof(guard));
+    };
+    EXPECT_EQ(call(8), std::string(11, 'g') + '\0' + "gggg");  // no message: only the last byte
+    channel.recordFailure(kBadStatus, "/file");
+    for (int size : {0, -1, -7, INT_MIN}) EXPECT_EQ(call(size), std::string(16, 'g')) << size;
+    EXPECT_EQ(channel.getErrorCode(nullptr, 100), kBadStatus);
+    EXPECT_EQ(call(1), "gggg" + std::string(1, '\0') + std::string(11, 'g'));
+    EXPECT_EQ(call(8), "ggggrespons" + std::string(1, '\0') + "gggg");
+    char text[64];
+    channel.getErrorCode(text, sizeof(text));
+    EXPECT_STREQ(text, "response status not accepted: /file");  // the cut character is the line feed
+}
+
+// Two workers with no jobs yet.
+class Batch : public ::testing::Test {
+protected:
+    void SetUp() override {
+        channel.setHandler(record, this);
+        channel.m_threadNum = 2;
+        for (int i = 0; i < 2; ++i) {
+            channel.m_batch.push_back(new webChannel::threadData());
+            channel.m_batch.back()->index = i;
+        }
+    }
+    static void record(bool& cancel, int failed, long long done, long long total, int job, void* self) {
+        static_cast<Batch*>(self)->seen.push_back({failed, done, total, job});
+        cancel = static_cast<Batch*>(self)->cancel;
+    }
+    void listed(const std::string& url, long long size, long counter) {  // a file of the batch
+        channel.m_httpGetJobs.emplace_back(url);
+        channel.m_httpGetJobs.back().size = size;
+        channel.m_downloaded[url] = counter;
+    }
+    void piece(int worker, const std::string& url, long long size, long long done) {  // a worker's piece of it
+        channel.m_batch[worker]->jobs.emplace_back(url);
+        channel.m_batch[worker]->jobs.back().size = size;
+        channel.m_batch[worker]->jobs.back().downloaded = done;
+    }
+    webChannel channel;
+    std::vector<std::tuple<int, long long, long long, int>> seen;  // failed, done, total, job
+    bool cancel = false;
+};
+
+TEST_F(Batch, ProgressIsRecountedEach256KiBBlamesTheFailedWorkersJobAndCanBeCancelled) {
+    channel.setHandler(nullptr, reinterpret_cast<void*>(0x1));  // no handler: no report
+    EXPECT_EQ(channel.handleProgress(0, 1 << 20, 2 << 20, 0), 0);
+    channel.setHandler(record, this);
+    EXPECT_EQ(channel.handleProgress(0, 100, 1000, -1), 0);  // a single request: its own counts
+    listed("a", 1000, -1);                                   // finished and verified
+    listed("b", 3 << 20, 2);
+    piece(0, "a", 1000, 1000);
+    piece(0, "b", 1 << 20, 300000);
+    piece(1, "b", 2 << 20, 500000);
+    EXPECT_EQ(channel.handleProgress(0, 300000, 1 << 20, 0), 800000 / 262144);
+    EXPECT_EQ(channel.handleProgress(3, 800000, 1 << 20, 1), 3);  // same step
+    channel.handleProgress(-1, 0, 0, 0);                           // the end of a batch always recounts
+    // The first pending job of a worker that failed is blamed, unless it was cancelled.
+    channel.m_batch[0]->error = kCancelled;
+    channel.handleProgress(0, 0, 0, 0);
+    channel.m_batch[1]->error = kBadStatus;
+    channel.handleProgress(0, 0, 0, 0);
+    EXPECT_EQ(seen, (std::vector<std::tuple<int, long long, long long, int>>{
+                        {0, 100, 1000, -1}, {1, 800000, 1000 + (3 << 20), -1}, {0, 0, 0, -1},
+                        {1, 800000, 1000 + (3 << 20), -1}, {0, 0, 0, -1}, {0, 0, 0, 1}}));
+    cancel = true;
+    EXPECT_EQ(channel.handleProgress(0, 5, 10, 1), -1);  // any worker may cancel, not only the first
+}
+
+TEST_F(Batch, FirstFailureWinsAndIsErrorNamesTheFailedWorker) {
+    testsupport::LogCapture capture;
+    channel.recordFailure(kBadStatus, "/a");
+    channel.recordFailure(kReadFailed, "/b");
+    std::string context, message;
+    EXPECT_EQ(std::make_tuple(channel.getError(context, message), context, message),
+              std::make_tuple(kBadStatus, std::string("/a"), std::string("response status not accepted: /a\n")));
+    EXPECT_FALSE(channel.isError());
+    channel.m_batch[1]->error = kBadStatus;
+    EXPECT_TRUE(channel.isError());
+    EXPECT_FALSE(channel.isCancelled());  // a failed job stops only its own worker
+    channel.m_batch[0]->error = kCancelled;
+    EXPECT_TRUE(channel.isCancelled());
+    EXPECT_EQ(countLines(capture.text(), "VRAXSecureWebChannel::isError: thread 1:"), 1);
+    EXPECT_EQ(countLines(capture.text(), "is in error state -3052"), 1);
+}
+
+}  // namespace
