@@ -6,13 +6,9 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <map>
-#include <mutex>
-#include <thread>
 
 #include "channel/webChannel.h"
 #include "support/log_capture.h"
@@ -21,27 +17,21 @@
 
 namespace batchtest {
 
-using testsupport::ScriptServer;
-using testsupport::ServerConnection;
+using namespace testsupport;
 using Clock = std::chrono::steady_clock;
 using Ints = std::vector<int>;
 
-// The log line of a repeat that costs an attempt and a 2-second pause.
-constexpr const char* kCountedRepeat = "server closed connection, re-creating";
+constexpr const char* kCountedRepeat = "server closed connection, re-creating";  // costs an attempt and 2 s
 
-// Polls `condition` until it holds or `millis` pass; whether it held.
-inline bool eventually(const std::function<bool()>& condition, int millis = 5000) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(millis);
+inline bool eventually(const std::function<bool()>& condition, int millis = 5000) {  // whether it came to hold
+    const auto end = Clock::now() + std::chrono::milliseconds(millis);
     for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(1)))
-        if (Clock::now() >= deadline) return false;
+        if (Clock::now() >= end) return false;
     return true;
 }
 
-inline double secondsSince(Clock::time_point t) {
-    return std::chrono::duration<double>(Clock::now() - t).count();
-}
+inline double secondsSince(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
 
-// Content `seed`: byte p is byte p % 8 of mix(mix(seed) ^ p / 8).
 inline uint64_t mix(uint64_t x) {
     x += 0x9e3779b97f4a7c15ULL;
     x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ULL;
@@ -49,6 +39,7 @@ inline uint64_t mix(uint64_t x) {
     return x ^ (x >> 31);
 }
 
+// Content `seed`: byte p is byte p % 8 of mix(mix(seed) ^ p / 8).
 inline std::string generated(uint64_t seed, uint64_t from, size_t count) {
     std::string out(count, '\0');
     for (size_t i = 0, key = mix(seed); i < count;)
@@ -63,9 +54,8 @@ inline std::string digestOf(const std::string& data, const char* algorithm = "md
     EVP_MD_CTX* context = EVP_MD_CTX_new();
     EVP_DigestInit_ex(context, EVP_get_digestbyname(algorithm), nullptr);
     EVP_DigestUpdate(context, data.data(), data.size());
-    for (uint64_t at = 0; at < size; at += 1 << 20)
-        EVP_DigestUpdate(context, generated(seed, at, std::min<uint64_t>(size - at, 1 << 20)).data(),
-                         std::min<uint64_t>(size - at, 1 << 20));
+    for (uint64_t at = 0, n; (n = std::min<uint64_t>(size - at, 1 << 20)) > 0; at += n)
+        EVP_DigestUpdate(context, generated(seed, at, n).data(), n);
     unsigned char value[EVP_MAX_MD_SIZE];
     unsigned length = 0;
     EVP_DigestFinal_ex(context, value, &length);
@@ -85,13 +75,11 @@ inline bool fileHoldsGenerated(const std::string& path, uint64_t seed, uint64_t 
     return in.eof() && at == size;
 }
 
-// The first byte a request asks for ("Range: bytes=a-b"), and in `last` its last; -1 without a Range
-// (`last` then left alone).
+// The first byte a request asks for ("Range: bytes=a-b") and in `last` its last; -1 without a Range.
 inline long long firstByte(const std::string& request, long long* last = nullptr) {
-    const size_t at = request.find("\r\nRange: bytes=");
     long long first = -1, end = -1;
-    if (at == std::string::npos || sscanf(request.c_str() + at, "\r\nRange: bytes=%lld-%lld", &first, &end) != 2)
-        return -1;
+    const size_t at = request.find("\r\nRange: bytes=");
+    if (at == std::string::npos || sscanf(&request[at], "\r\nRange: bytes=%lld-%lld", &first, &end) != 2) return -1;
     if (last != nullptr) *last = end;
     return first;
 }
@@ -103,69 +91,51 @@ inline std::string requestPath(const std::string& request) {
     return request.substr(start, request.find(' ', start) - start);
 }
 
-// Answers as a range-capable server does (`whole`: always the whole file, with a 200), sending at most
-// `limit` body bytes. Whether all went out; `sent` gets the body bytes sent.
-inline bool serve(ServerConnection& c, const std::string& request, uint64_t seed, uint64_t size, bool whole = false,
-                  long long limit = -1, long long* sent = nullptr) {
+// Answers as a range-capable server does (`whole`: always the whole file, with a 200), with `share` of the
+// asked bytes (at most `limit`) after the head. The body bytes sent, -1 when the client went away.
+inline long long serve(ServerConnection& c, const std::string& request, uint64_t seed, uint64_t size,
+                       bool whole = false, double share = 1, long long limit = 1LL << 40) {
     long long last = (long long)size - 1, first = whole ? -1 : firstByte(request, &last);
-    const bool ranged = first >= 0;
-    first = std::max(first, 0LL);
-    const long long count = std::max(0LL, std::min(last, (long long)size - 1) - first + 1);
-    bool ok = c.send(std::string(ranged ? "HTTP/1.1 206 Partial Content" : "HTTP/1.1 200 OK") +
+    const long long from = std::max(first, 0LL), count = std::min(last, (long long)size - 1) - from + 1;
+    const long long body = std::min((long long)(count * share), limit);
+    bool ok = c.send(std::string(first >= 0 ? "HTTP/1.1 206 Partial Content" : "HTTP/1.1 200 OK") +
                      "\r\nContent-Length: " + std::to_string(count) + "\r\n\r\n");
-    const long long body = limit < 0 ? count : std::min(count, limit);
     for (long long at = 0; ok && at < body; at += 1 << 20)
-        ok = c.send(generated(seed, (uint64_t)(first + at), (size_t)std::min<long long>(body - at, 1 << 20)));
-    if (sent != nullptr) *sent = body;
-    return ok;
+        ok = c.send(generated(seed, (uint64_t)(from + at), (size_t)std::min<long long>(body - at, 1 << 20)));
+    return ok ? body : -1;
 }
 
-// Sends the head for the asked bytes and half of them (at most `limit`); the bytes sent.
-inline long long sendHalf(ServerConnection& c, const std::string& request, uint64_t seed, uint64_t size,
-                          long long limit = 1LL << 40) {
-    long long last = (long long)size - 1, first = std::max(0LL, firstByte(request, &last)), sent = 0;
-    serve(c, request, seed, size, false, std::min(limit, (last - first + 1) / 2), &sent);
-    return sent;
-}
-
-// A scripted server dispatching each request by its path. A route gets the connection, the request and
-// how many requests for that path came before; it answers false to end the connection. Unknown paths get
-// a 404.
+// A scripted server dispatching each request by its path. A route gets the connection, the request and how
+// many requests for that path came before; it answers false to end the connection. Others get a 404.
 class Routes {
 public:
     using Route = std::function<bool(ServerConnection&, const std::string& request, int attempt)>;
     explicit Routes(std::map<std::string, Route> routes)
-        : m_routes(std::move(routes)), m_server([this](ServerConnection& c) { serve(c); }) {}
+        : m_routes(std::move(routes)), m_server([this](ServerConnection& c) {
+              for (std::string request; !(request = c.readRequest()).empty();) {
+                  const auto route = m_routes.find(requestPath(request));
+                  const int attempt = (int)requestsFor(requestPath(request)).size() - 1;
+                  if (route == m_routes.end() ? !c.send(httpResponse(404, "")) : !route->second(c, request, attempt))
+                      return;
+              }
+          }) {}
     std::string url(const std::string& path) const { return m_server.url(path); }
     int connections() const { return m_server.connections(); }
     size_t total() const { return m_server.requests().size(); }
-    std::vector<std::string> requestsFor(const std::string& path) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_requests[path];
+    std::vector<std::string> requestsFor(const std::string& path) const {
+        std::vector<std::string> found;
+        for (const std::string& request : m_server.requests())
+            if (requestPath(request) == path) found.push_back(request);
+        return found;
     }
 
 private:
-    void serve(ServerConnection& c) {
-        for (std::string request; !(request = c.readRequest()).empty();) {
-            const std::string path = requestPath(request);
-            std::unique_lock<std::mutex> lock(m_mutex);
-            m_requests[path].push_back(request);
-            const int attempt = (int)m_requests[path].size() - 1;
-            lock.unlock();
-            auto route = m_routes.find(path);
-            if (route == m_routes.end() ? !c.send(testsupport::httpResponse(404, ""))
-                                        : !route->second(c, request, attempt))
-                return;
-        }
-    }
     std::map<std::string, Route> m_routes;
-    std::mutex m_mutex;
-    std::map<std::string, std::vector<std::string>> m_requests;
     ScriptServer m_server;  // last: its handlers are joined before the routes go
 };
 
 inline Routes::Route content(uint64_t seed, uint64_t size, bool whole = false) {
-    return [=](ServerConnection& c, const std::string& request, int) { return serve(c, request, seed, size, whole); };
+    return [=](ServerConnection& c, const std::string& request, int) { return serve(c, request, seed, size, whole) >= 0; };
 }
 
 // Bytes a running batch has written of the piece of `path` ending at `end`.
@@ -187,7 +157,7 @@ inline void expectFirstFailure(webChannel& channel, int code, const std::string&
 // Everything getNextDownloadedFile hands out now, in order.
 inline Ints handedOut(webChannel& channel) {
     Ints indexes;
-    for (int i = 0, index; i < 1000000 && (index = channel.getNextDownloadedFile()) >= 0; ++i) indexes.push_back(index);
+    for (int i = 0, index; i < 100000 && (index = channel.getNextDownloadedFile()) >= 0; ++i) indexes.push_back(index);
     return indexes;
 }
 
@@ -198,7 +168,7 @@ class Fixture : public Base {
 protected:
     static int threads() { return (int)std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); }
     void TearDown() override {
-        EXPECT_EQ(testsupport::openDescriptorCount(), descriptors) << "descriptors leaked";
+        EXPECT_EQ(openDescriptorCount(), descriptors) << "descriptors leaked";
         // A joined thread may stay listed for a moment while the kernel ends it.
         EXPECT_TRUE(eventually([this] { return threads() <= threadsBefore; }, 1000)) << "threads left running";
     }
@@ -218,8 +188,8 @@ protected:
         job(channel, url, name, (long long)size, digestOf("", "md5", seed, size), "md5");
     }
     const int threadsBefore = (std::thread([] {}).join(), threads());
-    const int descriptors = testsupport::openDescriptorCount();
-    const std::string dir = testsupport::tempDir();
+    const int descriptors = openDescriptorCount();
+    const std::string dir = tempDir();
 };
 
 }  // namespace batchtest

@@ -1,14 +1,15 @@
-// The host's job list: adding (with the size probe), removing.
+// The host's job list: adding (with the size probe) and removing, hostile arguments included.
 #include <sys/stat.h>
 
-#include <atomic>
+#include <climits>
 
 #include "batch/batch_helpers.h"
 
 namespace {
 
 using namespace batchtest;
-using testsupport::readFile;
+
+const std::string kLong(65536, 'a'), kCrLf = "\r\nX-Injected: 1", kNonAscii = "d\xC3\xA4t\xC3\xA4-\xE2\x82\xAC-\xFF";
 
 class Jobs : public Fixture<> {
 protected:
@@ -17,44 +18,60 @@ protected:
     webChannel channel;
 };
 
-TEST_F(Jobs, AddingSkipsATargetHoldingTheDigestTruncatesAStaleOneCreatesDirectoriesAndListsAUrlOnce) {
+// Missing or unusable arguments are refused (host names with an empty label ask no name server). A target
+// already holding the digest (compared lower-cased) is left untouched and not listed; a stale one is
+// emptied, missing directories are made, a URL is listed once, and a target that cannot be made is listed.
+TEST_F(Jobs, AddingRefusesBadArgumentsSkipsWhatIsPresentEmptiesStaleTargetsAndListsAUrlOnce) {
+    const std::string f = dir + "/never", crlfHost = "host..x/" + kCrLf, oddHost = "http://" + kNonAscii + "..x/";
+    for (const auto& [url, file, size] : std::vector<std::tuple<const char*, const char*, long long>>{
+             {nullptr, f.c_str(), 5}, {nowhere.c_str(), nullptr, 5}, {nowhere.c_str(), f.c_str(), -1},
+             {nowhere.c_str(), f.c_str(), LLONG_MIN}, {"", f.c_str(), 0}, {crlfHost.c_str(), f.c_str(), 0},
+             {nowhere.c_str(), f.c_str(), 0}, {oddHost.c_str(), f.c_str(), 0}}) {  // size 0 asks the server
+        EXPECT_EQ(channel.addJob(url, file, size, nullptr, nullptr), kInvalidArgument) << size;
+        EXPECT_EQ(channel.addJob_c(url, file, size, nullptr, nullptr), kInvalidArgument) << size;
+    }
+    EXPECT_EQ(channel.httpMultiGet(false), 0);  // no jobs
     std::ofstream(dir + "/done") << "hello";
     std::ofstream(dir + "/stale") << "old content";
     struct stat before, after;
-    ASSERT_EQ(stat((dir + "/done").c_str(), &before), 0);
     std::string upper = digestOf("hello");
     for (char& c : upper) c = (char)toupper(c);
-    job(channel, nowhere + "done", "/done", 5, upper, "MD5", kAlreadyPresent);  // compared lower-cased
+    EXPECT_EQ(stat((dir + "/done").c_str(), &before), 0);
+    job(channel, nowhere + "done", "/done", 5, upper, "MD5", kAlreadyPresent);
+    EXPECT_EQ(stat((dir + "/done").c_str(), &after), 0);
+    EXPECT_TRUE(after.st_mtim.tv_nsec == before.st_mtim.tv_nsec && readFile(dir + "/done") == "hello");
     EXPECT_TRUE(channel.m_httpGetJobs.empty());
-    ASSERT_EQ(stat((dir + "/done").c_str(), &after), 0);
-    EXPECT_EQ(after.st_mtim.tv_nsec, before.st_mtim.tv_nsec);
-    EXPECT_EQ(readFile(dir + "/done"), "hello");
     job(channel, nowhere + "a", "/stale", 5, "00", "md5");
     job(channel, nowhere + "b", "/a/b/c/new", 5);
     job(channel, nowhere + "b", "/other", 5);
+    job(channel, nowhere + "c", "/" + kLong, 5, "", nullptr, kFileWrite);
     EXPECT_EQ(readFile(dir + "/stale") + readFile(dir + "/a/b/c/new"), "");
-    ASSERT_EQ(channel.m_httpGetJobs.size(), 2u);
-    EXPECT_EQ(channel.m_httpGetJobs[0].checksum, "00");
-    EXPECT_EQ(channel.m_httpGetJobs[0].end, 4);
+    ASSERT_EQ(channel.m_httpGetJobs.size(), 3u);
+    EXPECT_TRUE(channel.m_httpGetJobs[0].checksum == "00" && channel.m_httpGetJobs[0].end == 4);
     EXPECT_EQ(channel.m_httpGetJobs[1].file, dir + "/a/b/c/new");
 }
 
+// Unknown and odd URLs leave the list as it is; a job goes from the list and from the thread lists, and the
+// hand-out follows the positions that moved.
 TEST_F(Jobs, RemoveJobTakesTheJobOutOfTheListAndTheThreadsAndTheHandOutFollows) {
     for (const char* name : {"a", "b", "c"}) job(channel, nowhere + name, std::string("/") + name, 5);
+    job(channel, "", "/" + kNonAscii, 5, kLong, kCrLf.c_str());
     channel.initBatch();
-    EXPECT_EQ(channel.removeJob((nowhere + "unknown").c_str()), 3);
+    for (const char* url : {(const char*)nullptr, kLong.c_str(), kCrLf.c_str(), "http://127.0.0.1:1/unknown"})
+        EXPECT_EQ(channel.removeJob(url), 4);
+    EXPECT_EQ(channel.removeJob(""), 3);
     EXPECT_EQ(channel.removeJob((nowhere + "b").c_str()), 2);
     EXPECT_EQ(channel.m_httpGetJobs[1].url, nowhere + "c");
     for (auto* record : channel.m_batch)
-        for (auto& job : record->jobs) EXPECT_NE(job.url, nowhere + "b");
+        for (auto& job : record->jobs) EXPECT_TRUE(job.url != nowhere + "b" && !job.url.empty());
     channel.m_downloaded[nowhere + "c"] = -1;  // verified
     EXPECT_EQ(handedOut(channel), Ints{1});
 }
 
 // Size 0: the size comes from a probe that reads the head only and drops its connection; the pieces are
-// fetched on connections of their own. A probe that finds no size rejects the job; unknown-size mode does
-// not probe. Without a digest a file in pieces is checked against the size of the piece that finished last:
-// a mismatch, and the file is not handed out.
+// fetched on connections of their own. A probe that finds no size rejects the job; unknown-size mode does not
+// probe. Without a digest a file in pieces is checked against the size of the piece that finished last: a
+// mismatch, and the file is not handed out.
 TEST_F(Jobs, ASizeProbeReadsTheHeadOnlyAndDropsItsConnection) {
     const uint64_t size = 2 << 20;
     std::atomic<bool> probeClosed{false};
@@ -62,10 +79,9 @@ TEST_F(Jobs, ASizeProbeReadsTheHeadOnlyAndDropsItsConnection) {
         for (std::string request; !(request = c.readRequest()).empty();) {
             const std::string path = requestPath(request);
             if (path != "/p")
-                return (void)c.send(path == "/missing" ? testsupport::httpResponse(404, "missing")
-                                                       : "HTTP/1.1 200 OK\r\n\r\nno length");
-            if (firstByte(request) < 0) return (void)(serve(c, request, 3, size), probeClosed = c.stall(5));  // the probe
-            if (!serve(c, request, 3, size)) return;
+                return (void)c.send(path == "/missing" ? httpResponse(404, "missing") : "HTTP/1.1 200 OK\r\n\r\nno length");
+            if (firstByte(request) < 0) return (void)(serve(c, request, 3, size), probeClosed = c.stall(5));
+            if (serve(c, request, 3, size) < 0) return;
         }
     });
     job(channel, server.url("/missing"), "/missing", 0, "", nullptr, kInvalidArgument);
@@ -78,8 +94,7 @@ TEST_F(Jobs, ASizeProbeReadsTheHeadOnlyAndDropsItsConnection) {
     EXPECT_EQ(channel.httpMultiGet(true), 1);
     expectFirstFailure(channel, kChecksumMismatch, dir + "/p");
     EXPECT_EQ(handedOut(channel), Ints{});
-    EXPECT_TRUE(fileHoldsGenerated(dir + "/p", 3, size));
-    EXPECT_TRUE(probeClosed.load());
+    EXPECT_TRUE(fileHoldsGenerated(dir + "/p", 3, size) && probeClosed.load());
     EXPECT_EQ(server.connections(), probes + 2);
     channel.setParam(kParamUnknownSize, "", true);
     job(channel, server.url("/u"), "/u", 0);

@@ -1,5 +1,5 @@
-// The exported interface and the channel's own state, without a socket. The public headers come first, so
-// a header that needs anything else breaks the build.
+// The channel's own state, without a socket. The public headers come first, so a header that needs anything
+// else breaks the build.
 #include "VRAXSecureWebChannel.h"
 #include "util/webutil.h"
 
@@ -9,7 +9,6 @@
 #include <climits>
 #include <cstring>
 #include <fstream>
-#include <numeric>
 #include <sstream>
 #include <tuple>
 
@@ -21,32 +20,6 @@ namespace {
 
 using testsupport::countLines;
 using Lines = std::vector<std::string>;
-
-// Itanium layout: a pointer to a virtual member holds 1 + its slot's offset.
-template <typename... F>
-std::vector<size_t> slotsOf(F... members) {
-    auto slot = [](auto member) {
-        size_t raw[2];
-        static_assert(sizeof(member) == sizeof(raw), "pointer to member function");
-        std::memcpy(raw, &member, sizeof(raw));
-        return (raw[0] - 1) / sizeof(void*);
-    };
-    return {slot(members)...};
-}
-
-TEST(Interface, SlotsFollowTheDocumentedOrder) {
-    using C = VRAXSecureWebChannel;
-    EXPECT_TRUE(std::is_abstract<C>::value && std::has_virtual_destructor<C>::value);
-    std::vector<size_t> order(21);
-    std::iota(order.begin(), order.end(), 0);
-    EXPECT_EQ(slotsOf(&C::setLog, &C::init, &C::setProxy,
-                      static_cast<const char* (C::*)(const char*)>(&C::resolveProxy), &C::setHandler, &C::setParam,
-                      &C::getParam, &C::getNextDownloadedFile, &C::getErrorCode,
-                      static_cast<int (C::*)(const char*, const char*)>(&C::httpGet),
-                      static_cast<int (C::*)(const char*)>(&C::httpGet), &C::httpGet_c, &C::httpPost, &C::httpResponse,
-                      &C::addJob, &C::addJob_c, &C::httpMultiGet, &C::removeJob, &C::isValid, &C::isValid_c, &C::close),
-              order);
-}
 
 TEST(Factory, CreatesOneSharedInstanceAndCountsReferences) {
     testsupport::LogCapture capture;
@@ -68,47 +41,35 @@ TEST(Factory, CreatesOneSharedInstanceAndCountsReferences) {
 TEST(Init, WorkersAreEightByDefaultAtMost64AndAnotherInitOrCloseStartsOverButKeepsTheTlsContext) {
     testsupport::LogCapture capture;
     webChannel channel;
-    for (const auto& [asked, workers] : {std::make_pair(0u, 8u), {1000u, 64u}, {UINT_MAX, 64u}, {3u, 3u}}) {
-        EXPECT_EQ(channel.init(asked), 0);
-        EXPECT_EQ(channel.m_threadNum, workers) << asked;
-    }
+    for (const auto& [asked, workers] : {std::make_pair(0u, 8u), {1000u, 64u}, {UINT_MAX, 64u}, {3u, 3u}})
+        EXPECT_TRUE(channel.init(asked) == 0 && channel.m_threadNum == workers) << asked;
     std::memset(channel.m_buffer, 1, 3 * kBufferSlice);  // every worker's slice usable to the last byte
     EXPECT_EQ(std::vector<int>(channel.m_incomplete, channel.m_incomplete + 3), std::vector<int>(3, 0));
-    ASSERT_EQ(channel.init(4), 0);
     SSL_CTX* context = channel.m_sslContext;
-    ASSERT_NE(context, nullptr);
     channel.setParam(kParamTimeout, "9", true);
     channel.m_httpGetJobs.emplace_back("http://h:1/a");
-    channel.m_httpGetJobs.back().size = 10 << 20;
-    channel.m_httpGetJobs.back().end = (10 << 20) - 1;
     channel.initBatch();
-    ASSERT_EQ(channel.m_batch.size(), 4u);
     channel.m_downloaded["http://h:1/a"] = -1;
     channel.recordFailure(kBadStatus, "f");
     channel.m_response = "r";
     channel.m_responseLength = 5;
     ASSERT_EQ(channel.init(2), 0);
-    EXPECT_EQ(channel.m_sslContext, context);
+    EXPECT_TRUE(context != nullptr && channel.m_sslContext == context);
     EXPECT_TRUE(channel.m_httpGetJobs.empty() && channel.m_downloaded.empty());
     EXPECT_EQ(std::make_tuple(channel.m_errorCode, channel.m_errorContext + channel.m_response, channel.m_responseLength),
               std::make_tuple(0, std::string(), 0LL));
     ASSERT_EQ(channel.m_batch.size(), 2u);
     EXPECT_TRUE(channel.m_batch[0]->jobs.empty() && channel.m_batch[1]->jobs.empty());
-    Lines initLines;
-    for (const std::string& line : capture.lines())
-        if (line.rfind("webChannel::init", 0) == 0) initLines.push_back(line);
     EXPECT_EQ(countLines(capture.text(), "webChannel::init - start initSSL"), 1);  // by the first init only
-    ASSERT_GE(initLines.size(), 6u);
-    EXPECT_EQ(Lines(initLines.end() - 6, initLines.end()),
-              (Lines{"webChannel::init - start with threadNum = 4", "webChannel::init - free m_incomplete",
-                     "webChannel::init - check m_sslContext", "webChannel::init - start with threadNum = 2",
-                     "webChannel::init - free m_incomplete", "webChannel::init - check m_sslContext"}));
+    const Lines lines = capture.lines();
+    EXPECT_EQ(Lines(lines.end() - 3, lines.end()), (Lines{"webChannel::init - start with threadNum = 2",
+                                                          "webChannel::init - free m_incomplete",
+                                                          "webChannel::init - check m_sslContext"}));
     channel.m_httpGetJobs.emplace_back("http://h:1/b");
     channel.close();
     channel.close();
     EXPECT_EQ(channel.getProxyTimeout(), 9);  // parameters and jobs survive both
-    EXPECT_EQ(channel.m_httpGetJobs.size(), 1u);
-    EXPECT_EQ(channel.m_sslContext, context);
+    EXPECT_TRUE(channel.m_httpGetJobs.size() == 1 && channel.m_sslContext == context);
     EXPECT_TRUE(channel.m_batch.empty() && channel.m_connections.empty());
 }
 
@@ -132,17 +93,14 @@ TEST(Init, OperationsWithoutInitFailCleanly) {
     unlink(file);
 }
 
-// Each line: wall-clock seconds, ":", three digits of milliseconds, " : ", the message; the messages
-// alone, or "?" for a line of another shape.
+// The messages of the lines "<seconds>:<three digits of milliseconds> : <message>"; "?" for other lines.
 Lines messages(const std::string& text) {
     Lines result;
-    for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
-        const std::string line = text.substr(at, end - at);
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
         const size_t colon = line.find_first_not_of("0123456789");
-        const bool shaped = colon > 0 && colon != std::string::npos && line.size() >= colon + 7 &&
-                            line.compare(colon, 1, ":") == 0 &&
-                            line.find_first_not_of("0123456789", colon + 1) == colon + 4 &&
-                            line.compare(colon + 4, 3, " : ") == 0;
+        const bool shaped = colon > 0 && line.compare(colon, 1, ":") == 0 && line.find(" : ") == colon + 4 &&
+                            line.find_first_not_of("0123456789", colon + 1) == colon + 4;
         result.push_back(shaped ? line.substr(colon + 7) : "?");
     }
     return result;
@@ -158,10 +116,10 @@ TEST(Log, LinesGoToTheFileOrStandardOutputUntilDestructionClosesTheFile) {
         webChannel::log("%s", message);
     }
     EXPECT_EQ(webChannel::m_log, nullptr);
-    const std::string started = "VRAXSecureWebChannel::~webChannel: started", opened = "webChannel::setLog " + std::string(path);
+    const std::string end = "VRAXSecureWebChannel::~webChannel: started", start = "webChannel::setLog " + std::string(path);
     std::ostringstream text;
     text << std::ifstream(path).rdbuf();
-    EXPECT_EQ(messages(text.str()), (Lines{opened, "first", started, opened, "second", started}));
+    EXPECT_EQ(messages(text.str()), (Lines{start, "first", end, start, "second", end}));  // appended to
     unlink(path);
     testing::internal::CaptureStdout();
     {
@@ -169,7 +127,7 @@ TEST(Log, LinesGoToTheFileOrStandardOutputUntilDestructionClosesTheFile) {
         channel.setLog(nullptr);
         webChannel::log("to %s", "stdout");
     }
-    EXPECT_EQ(messages(testing::internal::GetCapturedStdout()), (Lines{"webChannel::setLog (null)", "to stdout", started}));
+    EXPECT_EQ(messages(testing::internal::GetCapturedStdout()), (Lines{"webChannel::setLog (null)", "to stdout", end}));
     EXPECT_TRUE(webChannel::m_log == nullptr && fputs("", stdout) != EOF);  // stdout is left open
 }
 
@@ -189,15 +147,11 @@ TEST(Params, JobParametersGoToTheLastJobTheTimeoutFallsBackTo300AndTheCookieGoes
     channel.setParam(kParamUser, "u", false);
     channel.setParam(kParamUser, nullptr, false);  // a job parameter cannot be removed
     EXPECT_TRUE(channel.getParam(kParamUser, value, false) && value == "u");
-    EXPECT_TRUE(channel.m_httpGetJobs.front().params.empty());
-    EXPECT_FALSE(channel.getParam(kParamUser, value, true));
-    EXPECT_EQ(channel.getProxyTimeout(), 300);
-    for (const std::string& text : Lines{"0", "-5", "abc", "", "\r\nX: 1", std::string(9999, 'a')}) {
+    EXPECT_TRUE(channel.m_httpGetJobs.front().params.empty() && !channel.getParam(kParamUser, value, true));
+    for (const std::string& text : Lines{"0", "-5", "abc", "", "\r\nX: 1", std::string(9999, 'a'), "7\r\n"}) {
         channel.setParam(kParamTimeout, text.c_str(), true);
-        EXPECT_EQ(channel.getProxyTimeout(), 300) << text.substr(0, 10);
+        EXPECT_EQ(channel.getProxyTimeout(), text == "7\r\n" ? 7 : 300) << text.substr(0, 10);
     }
-    channel.setParam(kParamTimeout, "7\r\n", true);
-    EXPECT_EQ(channel.getProxyTimeout(), 7);
     // Removing the cookie switch removes the cookie, through the interface; not the other way round.
     channel.setParam(kParamCookieCapture, "", true);
     channel.setParam(kParamCookie, "c=1", true);
@@ -209,7 +163,10 @@ TEST(Params, JobParametersGoToTheLastJobTheTimeoutFallsBackTo300AndTheCookieGoes
     EXPECT_EQ(channel.removed, (std::vector<int>{kParamUser, kParamCookie, kParamCookieCapture, kParamCookie}));
 }
 
-TEST(ErrorState, GetErrorCodeWritesOnlyInsideTheBufferAndCutsTheLastCharacter) {
+// Two workers: the first failure wins, getErrorCode writes only inside the buffer and cuts the message's last
+// character (its line feed), and a failed job stops only its own worker while a cancel stops the batch.
+TEST(Errors, TheFirstFailureIsKeptAndCopiedOutWithinTheBuffer) {
+    testsupport::LogCapture capture;
     webChannel channel;
     char guard[16];
     auto call = [&](int size) {  // the whole guard after a call on its bytes 4 to 4 + size
@@ -218,86 +175,66 @@ TEST(ErrorState, GetErrorCodeWritesOnlyInsideTheBufferAndCutsTheLastCharacter) {
         return std::string(guard, sizeof(guard));
     };
     EXPECT_EQ(call(8), std::string(11, 'g') + '\0' + "gggg");  // no message: only the last byte
-    channel.recordFailure(kBadStatus, "/file");
-    for (int size : {0, -1, -7, INT_MIN}) EXPECT_EQ(call(size), std::string(16, 'g')) << size;
-    EXPECT_EQ(channel.getErrorCode(nullptr, 100), kBadStatus);
-    EXPECT_EQ(call(1), "gggg" + std::string(1, '\0') + std::string(11, 'g'));
-    EXPECT_EQ(call(8), "ggggrespons" + std::string(1, '\0') + "gggg");
-    char text[64];
-    channel.getErrorCode(text, sizeof(text));
-    EXPECT_STREQ(text, "response status not accepted: /file");  // the cut character is the line feed
-}
-
-// Two workers with no jobs yet.
-class Batch : public ::testing::Test {
-protected:
-    void SetUp() override {
-        channel.setHandler(record, this);
-        channel.m_threadNum = 2;
-        for (int i = 0; i < 2; ++i) {
-            channel.m_batch.push_back(new webChannel::threadData());
-            channel.m_batch.back()->index = i;
-        }
-    }
-    static void record(bool& cancel, int failed, long long done, long long total, int job, void* self) {
-        static_cast<Batch*>(self)->seen.push_back({failed, done, total, job});
-        cancel = static_cast<Batch*>(self)->cancel;
-    }
-    void listed(const std::string& url, long long size, long counter) {  // a file of the batch
-        channel.m_httpGetJobs.emplace_back(url);
-        channel.m_httpGetJobs.back().size = size;
-        channel.m_downloaded[url] = counter;
-    }
-    void piece(int worker, const std::string& url, long long size, long long done) {  // a worker's piece of it
-        channel.m_batch[worker]->jobs.emplace_back(url);
-        channel.m_batch[worker]->jobs.back().size = size;
-        channel.m_batch[worker]->jobs.back().downloaded = done;
-    }
-    webChannel channel;
-    std::vector<std::tuple<int, long long, long long, int>> seen;  // failed, done, total, job
-    bool cancel = false;
-};
-
-TEST_F(Batch, ProgressIsRecountedEach256KiBBlamesTheFailedWorkersJobAndCanBeCancelled) {
-    channel.setHandler(nullptr, reinterpret_cast<void*>(0x1));  // no handler: no report
-    EXPECT_EQ(channel.handleProgress(0, 1 << 20, 2 << 20, 0), 0);
-    channel.setHandler(record, this);
-    EXPECT_EQ(channel.handleProgress(0, 100, 1000, -1), 0);  // a single request: its own counts
-    listed("a", 1000, -1);                                   // finished and verified
-    listed("b", 3 << 20, 2);
-    piece(0, "a", 1000, 1000);
-    piece(0, "b", 1 << 20, 300000);
-    piece(1, "b", 2 << 20, 500000);
-    EXPECT_EQ(channel.handleProgress(0, 300000, 1 << 20, 0), 800000 / 262144);
-    EXPECT_EQ(channel.handleProgress(3, 800000, 1 << 20, 1), 3);  // same step
-    channel.handleProgress(-1, 0, 0, 0);                           // the end of a batch always recounts
-    // The first pending job of a worker that failed is blamed, unless it was cancelled.
-    channel.m_batch[0]->error = kCancelled;
-    channel.handleProgress(0, 0, 0, 0);
-    channel.m_batch[1]->error = kBadStatus;
-    channel.handleProgress(0, 0, 0, 0);
-    EXPECT_EQ(seen, (std::vector<std::tuple<int, long long, long long, int>>{
-                        {0, 100, 1000, -1}, {1, 800000, 1000 + (3 << 20), -1}, {0, 0, 0, -1},
-                        {1, 800000, 1000 + (3 << 20), -1}, {0, 0, 0, -1}, {0, 0, 0, 1}}));
-    cancel = true;
-    EXPECT_EQ(channel.handleProgress(0, 5, 10, 1), -1);  // any worker may cancel, not only the first
-}
-
-TEST_F(Batch, FirstFailureWinsAndIsErrorNamesTheFailedWorker) {
-    testsupport::LogCapture capture;
     channel.recordFailure(kBadStatus, "/a");
     channel.recordFailure(kReadFailed, "/b");
+    for (int size : {0, -1, -7, INT_MIN}) EXPECT_EQ(call(size), std::string(16, 'g')) << size;
+    EXPECT_EQ(call(1), "gggg" + std::string(1, '\0') + std::string(11, 'g'));
+    EXPECT_EQ(call(8), "ggggrespons" + std::string(1, '\0') + "gggg");
     std::string context, message;
     EXPECT_EQ(std::make_tuple(channel.getError(context, message), context, message),
               std::make_tuple(kBadStatus, std::string("/a"), std::string("response status not accepted: /a\n")));
+    for (int i = 0; i < 2; ++i) channel.m_batch.push_back(new webChannel::threadData());
+    channel.m_batch[1]->index = 1;
     EXPECT_FALSE(channel.isError());
     channel.m_batch[1]->error = kBadStatus;
-    EXPECT_TRUE(channel.isError());
-    EXPECT_FALSE(channel.isCancelled());  // a failed job stops only its own worker
+    EXPECT_TRUE(channel.isError() && !channel.isCancelled());
     channel.m_batch[0]->error = kCancelled;
     EXPECT_TRUE(channel.isCancelled());
     EXPECT_EQ(countLines(capture.text(), "VRAXSecureWebChannel::isError: thread 1:"), 1);
     EXPECT_EQ(countLines(capture.text(), "is in error state -3052"), 1);
+}
+
+// Reports are recounted over the batch at each 256 KiB step and at the end of a batch, carry the first pending
+// job of a worker that failed (not one that was cancelled), and any worker's report may cancel.
+TEST(Progress, IsRecountedEach256KiBBlamesTheFailedWorkersJobAndCanBeCancelled) {
+    struct Seen {
+        std::vector<std::tuple<int, long long, long long, int>> reports;  // failed, done, total, job
+        bool cancel = false;
+    } seen;
+    auto record = [](bool& cancel, int failed, long long done, long long total, int job, void* self) {
+        static_cast<Seen*>(self)->reports.emplace_back(failed, done, total, job);
+        cancel = static_cast<Seen*>(self)->cancel;
+    };
+    webChannel channel;
+    channel.setHandler(nullptr, reinterpret_cast<void*>(0x1));  // no handler: no report
+    EXPECT_EQ(channel.handleProgress(0, 1 << 20, 2 << 20, 0), 0);
+    channel.setHandler(record, &seen);
+    EXPECT_EQ(channel.handleProgress(0, 100, 1000, -1), 0);  // a single request: its own counts
+    channel.m_threadNum = 2;
+    for (const auto& [url, size, counter] : {std::make_tuple("a", 1000LL, -1L), {"b", 3LL << 20, 2L}}) {
+        channel.m_httpGetJobs.emplace_back(url);  // "a" finished and verified
+        channel.m_httpGetJobs.back().size = size;
+        channel.m_downloaded[url] = counter;
+    }
+    for (int i = 0; i < 2; ++i) channel.m_batch.push_back(new webChannel::threadData());
+    for (const auto& [worker, url, size, done] : {std::make_tuple(0, "a", 1000LL, 1000LL),
+                                                  {0, "b", 1LL << 20, 300000LL}, {1, "b", 2LL << 20, 500000LL}}) {
+        channel.m_batch[worker]->jobs.emplace_back(url);
+        channel.m_batch[worker]->jobs.back().size = size;
+        channel.m_batch[worker]->jobs.back().downloaded = done;
+    }
+    EXPECT_EQ(channel.handleProgress(0, 300000, 1 << 20, 0), 800000 / 262144);
+    EXPECT_EQ(channel.handleProgress(3, 800000, 1 << 20, 1), 3);  // same step
+    channel.handleProgress(-1, 0, 0, 0);                           // the end of a batch always recounts
+    channel.m_batch[0]->error = kCancelled;
+    channel.handleProgress(0, 0, 0, 0);
+    channel.m_batch[1]->error = kBadStatus;
+    channel.handleProgress(0, 0, 0, 0);
+    EXPECT_EQ(seen.reports, (std::vector<std::tuple<int, long long, long long, int>>{
+                                {0, 100, 1000, -1}, {1, 800000, 1000 + (3 << 20), -1}, {0, 0, 0, -1},
+                                {1, 800000, 1000 + (3 << 20), -1}, {0, 0, 0, -1}, {0, 0, 0, 1}}));
+    seen.cancel = true;
+    EXPECT_EQ(channel.handleProgress(0, 5, 10, 1), -1);  // any worker may cancel, not only the first
 }
 
 }  // namespace

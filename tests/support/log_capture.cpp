@@ -11,17 +11,16 @@ namespace testsupport {
 
 LogCapture::LogCapture() {
     char name[] = "/tmp/webchannel-log-XXXXXX";
-    const int fd = mkstemp(name);
-    if (fd >= 0) ::close(fd);
+    ::close(mkstemp(name));
     m_path = name;
-    // Swapped in directly: a channel destroyed later closes the log and clears the stream, which this
-    // capture tolerates.
+    // Swapped in directly: a channel destroyed later closes the log and clears the stream, which this capture
+    // tolerates.
     webChannel::m_log = fopen(m_path.c_str(), "a+");
 }
 
 LogCapture::~LogCapture() {
     FILE* log = webChannel::m_log;
-    webChannel::m_log = nullptr;
+    webChannel::m_log = nullptr;  // before the close: nothing writes into a closed stream
     if (log != nullptr && log != stdout) fclose(log);
     unlink(m_path.c_str());
 }

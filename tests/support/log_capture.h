@@ -19,8 +19,7 @@ private:
     std::string m_path;
 };
 
-// Number of lines of `log` that contain `needle`.
-int countLines(const std::string& log, const std::string& needle);
+int countLines(const std::string& log, const std::string& needle);  // lines of `log` that contain `needle`
 
 }  // namespace testsupport
 

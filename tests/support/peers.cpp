@@ -45,14 +45,6 @@ Peers loadPeers() {
 
 }  // namespace
 
-std::string Peers::httpUrl(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(httpPort) + path;
-}
-
-std::string Peers::httpsUrl(const std::string& path) const {
-    return "https://127.0.0.1" + path;
-}
-
 const Peers& peers() {
     static const Peers loaded = loadPeers();  // tried again by the next call when it throws
     return loaded;

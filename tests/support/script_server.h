@@ -1,13 +1,6 @@
-// An in-process HTTP server whose every byte is scripted by the test, for the faults real servers do not
-// make on demand: answers cut at chosen offsets, resets, stalls, malformed framing.
-//
-//   testsupport::ScriptServer server([](testsupport::ServerConnection& c) {
-//       c.readRequest();
-//       c.send(testsupport::httpResponse(200, "hi"));
-//   });
-//
-// Listens on 127.0.0.1 only. Every wait is bounded; destroying the server shuts every connection down and
-// joins every handler.
+// An in-process HTTP server on 127.0.0.1 whose every byte is scripted by the test, for the faults real
+// servers do not make on demand: answers cut at chosen offsets, resets, stalls, malformed framing. Every
+// wait is bounded; destroying the server shuts every connection down and joins every handler.
 #ifndef WEBCHANNEL_TESTS_SUPPORT_SCRIPT_SERVER_H
 #define WEBCHANNEL_TESTS_SUPPORT_SCRIPT_SERVER_H
 
@@ -33,18 +26,13 @@ class ServerConnection {
 public:
     ServerConnection(int fd, int index, ServerState& state) : fd_(fd), index_(index), state_(state) {}
     ~ServerConnection();
-    // One request: the head and a Content-Length body, logged in requests(); "" when the client closed or
-    // the time ran out.
-    std::string readRequest(int timeoutMillis = 10000);
-    std::string readHead(int timeoutMillis = 10000);             // the head alone (logged), the body left unread
+    std::string readRequest(int timeoutMillis = 10000);  // head and body, logged; "" on close or time-out
+    std::string readHead(int timeoutMillis = 10000);             // the head alone (logged)
     std::string readBytes(size_t n, int timeoutMillis = 10000);  // up to n bytes, not logged
-    bool send(std::string_view bytes);  // all of them; false on error or a client that takes nothing for 10 s
-    // The bytes cut at `cuts`, each piece its own send after a pause, so the client usually reads each apart.
-    bool sendPieces(std::string_view bytes, const std::vector<size_t>& cuts, int gapMillis = 20);
-    void reset();  // abortive close: the client sees ECONNRESET
-    // Orderly close; input still arriving is drained for a bounded while, as unread input at close would
-    // make the kernel send a reset that can destroy answer bytes the client has not read yet.
-    void close();
+    bool send(std::string_view bytes);  // false on error or a client that takes nothing for 10 s
+    bool sendPieces(std::string_view bytes, const std::vector<size_t>& cuts, int gapMillis = 20);  // pauses at cuts
+    void reset();                // abortive close: the client sees ECONNRESET
+    void close();                // orderly close, after draining input still arriving (else it is a reset)
     bool stall(int maxSeconds);  // reads nothing until the client closes (true) or maxSeconds pass
     int index() const { return index_; }  // in accept order, from 0
     void shutdownForStop();
@@ -53,7 +41,6 @@ private:
     bool fill(long long deadline);
     std::string take(size_t length);
     std::string readMessage(int timeoutMillis, bool withBody);
-
     int fd_;
     const int index_;
     ServerState& state_;
@@ -67,7 +54,6 @@ public:
     // Each connection runs `handler` on a thread of its own and is closed when the handler returns.
     explicit ScriptServer(Handler handler);
     ~ScriptServer();
-
     int port() const { return port_; }
     std::string url(const std::string& path) const;  // "http://127.0.0.1:<port>" + path
     std::vector<std::string> requests() const;       // raw, in arrival order
@@ -76,17 +62,14 @@ public:
 private:
     Handler handler_;
     mutable ServerState state_;
-    int listenFd_ = -1;
-    int port_ = 0;
+    int listenFd_ = -1, port_ = 0;
     std::atomic<int> accepted_{0};
-    // The accept thread's until it is joined, then the destructor's.
-    std::vector<std::unique_ptr<ServerConnection>> connections_;
+    std::vector<std::unique_ptr<ServerConnection>> connections_;  // the accept thread's, then the destructor's
     std::vector<std::thread> handlers_;
     std::thread acceptThread_;
 };
 
-// A complete response: status line, Content-Length, extraHeaders (lines ending in "\r\n"; a missing last
-// one is added), blank line, body.
+// Status line, Content-Length, extraHeaders (lines ending in "\r\n"; a missing last one is added), blank line, body.
 std::string httpResponse(int code, const std::string& body, const std::string& extraHeaders = "");
 // "<hex size>\r\n<data>\r\n" per non-empty chunk, then "0\r\n\r\n".
 std::string chunkedBody(const std::vector<std::string>& chunks);
