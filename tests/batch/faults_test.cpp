@@ -1,6 +1,5 @@
-// Faults injected by scripted servers, one test each with every consequence asserted: exact codes, only
-// verified files handed out, repeats, resume offsets, connections, and (through the fixture) no descriptor
-// or thread left behind.
+// Faults injected by scripted servers, each with every consequence asserted: codes, only verified files handed
+// out, repeats, resume offsets, connections, and (through the fixture) no descriptor or thread left behind.
 #include <unistd.h>
 
 #include <atomic>
@@ -13,11 +12,10 @@ namespace {
 using namespace batchtest;
 using Faults = Fixture<>;
 
-// A file in two pieces whose back piece is cut by an orderly close: the job fails, and the next batch resumes
-// that piece from its first missing byte. The front piece, finished earlier, is not counted again, so the
-// file is verified once, whole, and only then handed out (the resumed answer is held back a moment so that a
-// verification made too early shows). Corrupted, it gives -3061, and the batch after fetches every piece
-// again from its first byte.
+// A file in two pieces whose back piece is cut by an orderly close: the job fails; the next batch resumes that
+// piece from its first missing byte without counting the finished front piece again, so the file is verified
+// once, whole (the resumed answer is held back so that an early verification shows), and then handed out.
+// Corrupted, it gives -3061, and the batch after fetches every piece again from its first byte.
 class PiecesAcrossBatches : public Fixture<::testing::TestWithParam<bool>> {};
 
 TEST_P(PiecesAcrossBatches, TheFileIsVerifiedOnceWholeAndOnlyThenHandedOut) {
@@ -60,16 +58,14 @@ TEST_P(PiecesAcrossBatches, TheFileIsVerifiedOnceWholeAndOnlyThenHandedOut) {
 INSTANTIATE_TEST_SUITE_P(Faults, PiecesAcrossBatches, ::testing::Bool(),
                          [](const auto& info) { return std::string(info.param ? "CorruptedResume" : "CleanResume"); });
 
-// Four workers; small files go whole to the least-loaded one: /f0 then /f2 to the first, /silent then /behind
-// to the second, /f1 then /late (asked for after the pause, so after /silent failed) to the third, /mid to
-// the fourth.
-// - /f0 is reset mid-body after half its bytes were written: resumed at once from its first missing byte.
-// - A reset before the head on a fresh connection (/f1), an orderly close of a kept connection as the next
-//   request arrives (/f2), and a stall mid-body beyond the time-out (/mid) are each repeated after a counted
-//   2-second pause, on a fresh connection, from the first missing byte. /mid's repeat is answered with the
-//   whole file and a 200: the bytes before the one asked for are skipped.
-// - A server silent before the head (/silent) fails its job after the time-out, unasked again, and ends its
-//   worker's work (/behind) only; a later failure (/late) leaves the first one reported.
+// Four workers, small files whole to the least-loaded: /f0 and /f2 to the first, /silent and /behind to the
+// second, /f1 and /late (asked after the pause, so after /silent failed) to the third, /mid to the fourth.
+// /f0, reset mid-body, resumes at once from its first missing byte. A reset before the head (/f1), a kept
+// connection closed as the next request arrives (/f2) and a stall mid-body (/mid) are repeated after a counted
+// 2-second pause, on a fresh connection, from the first missing byte; /mid's repeat gets the whole file with
+// a 200, whose bytes before the one asked for are skipped. Silence before the head (/silent) fails its job
+// after the time-out, unasked again, and ends its worker's work (/behind) only; a later failure (/late) leaves
+// the first one reported.
 TEST_F(Faults, BrokenConnectionsAreResumedOrRepeatedAfterACountedPauseOrFailOnlyTheirOwnWorker) {
     LogCapture log;
     std::atomic<long long> half{0};
@@ -123,9 +119,10 @@ TEST_F(Faults, BrokenConnectionsAreResumedOrRepeatedAfterACountedPauseOrFailOnly
     EXPECT_EQ(countLines(log.text(), kCountedRepeat), 3);
 }
 
-// Malformed answers, absurd lengths, broken chunk framing and bad redirects, each for one job of a
-// two-worker batch whose other job is served correctly. "BASE" in an answer stands for the server's URL.
-enum After { kClose, kStall, kKeep };  // after sending: close, wait for the client to give up, read on
+// Malformed answers, absurd lengths, broken chunk framing and bad redirects, each for one job of a two-worker
+// batch whose other job is served correctly. "BASE" stands for the server's URL. After sending, the server
+// closes, waits for the client to give up, or reads on.
+enum After { kClose, kStall, kKeep };
 
 struct BadAnswer {
     const char* name;
@@ -136,8 +133,10 @@ struct BadAnswer {
     bool sizeUnknown = false;  // added in unknown-size mode: asked for without a Range
 };
 
-const std::string kPartial = "HTTP/1.1 206 Partial Content\r\n", kChunked = kPartial + "Transfer-Encoding: chunked\r\n\r\n";
-const std::string kFound = "HTTP/1.1 302 Found\r\nContent-Length: 0\r\n", kGiant = "Content-Length: 99999999999999999999\r\n";
+const std::string kPartial = "HTTP/1.1 206 Partial Content\r\n", kFound = "HTTP/1.1 302 Found\r\nContent-Length: 0\r\n";
+const std::string kChunked = kPartial + "Transfer-Encoding: chunked\r\n\r\n";
+const std::string kGiant = "Content-Length: 99999999999999999999\r\n";
+
 const std::string kBody = generated(70, 0, 5);  // the job's content
 
 const BadAnswer kBadAnswers[] = {

@@ -23,8 +23,8 @@ protected:
         for (const webChannel::threadData* record : channel.m_batch) {
             std::string list;
             for (const auto& j : record->jobs)
-                list += (list.empty() ? "" : " ") + j.url + " " + std::to_string(j.start) + "-" + std::to_string(j.end) +
-                        "/" + std::to_string(j.size) + "#" + std::to_string(j.part);
+                list += (list.empty() ? "" : " ") + j.url + " " + std::to_string(j.start) + "-" +
+                        std::to_string(j.end) + "/" + std::to_string(j.size) + "#" + std::to_string(j.part);
             lists.push_back(list);
         }
         return lists;
@@ -48,7 +48,8 @@ TEST_F(Planning, TenMebibytesOverTwoThreadsAreCutAtTheShareLoggedAndNotPlannedAg
     EXPECT_TRUE(channel.m_batch[1]->index == 1 && channel.m_batch[1]->channel == &channel);
     // A second plan takes only the job added since; the planned pieces keep their progress.
     channel.m_batch[1]->jobs.front().start += 1000;
-    EXPECT_EQ(plan(2, {{"b", 100}}), (Lines{a + " 0-5242879/5242880#0 b 0-99/100#0", a + " 5243880-10485759/5242880#1"}));
+    EXPECT_EQ(plan(2, {{"b", 100}}),
+              (Lines{a + " 0-5242879/5242880#0 b 0-99/100#0", a + " 5243880-10485759/5242880#1"}));
     EXPECT_EQ(channel.m_downloaded[a] + channel.m_downloaded["b"], 3);
 }
 

@@ -27,7 +27,8 @@ TEST(Digest, IsValidAnswersOneOnlyForTheExactText) {
         const char *file, *digest, *algorithm;
         int valid;
     };
-    const std::string upperSha1 = "AAF4C61DDCC5E8A2DABEDE0F3B482CD9AEA9434D", md5Crlf = md5 + crlf, md5Name = "md5" + crlf;
+    const std::string upperSha1 = "AAF4C61DDCC5E8A2DABEDE0F3B482CD9AEA9434D";
+    const std::string md5Crlf = md5 + crlf, md5Name = "md5" + crlf;
     const std::string missing = dir + "/missing";
     const Case cases[] = {
         {f, sha1.c_str(), "sha1", 1},
@@ -48,7 +49,7 @@ TEST(Digest, IsValidAnswersOneOnlyForTheExactText) {
         {f, "", "md5", 0},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.digest ? c.digest : "(null)").substr(0, 40) + " " + (c.algorithm ? c.algorithm : "(null)"));
+        SCOPED_TRACE(std::string(c.digest ? c.digest : "(null)") + " " + (c.algorithm ? c.algorithm : "(null)"));
         EXPECT_EQ(channel.isValid(c.file, c.digest, c.algorithm), c.valid);
         EXPECT_EQ(channel.isValid_c(c.file, c.digest, c.algorithm), c.valid);
     }

@@ -56,8 +56,8 @@ TEST(Init, WorkersAreEightByDefaultAtMost64AndAnotherInitOrCloseStartsOverButKee
     ASSERT_EQ(channel.init(2), 0);
     EXPECT_TRUE(context != nullptr && channel.m_sslContext == context);
     EXPECT_TRUE(channel.m_httpGetJobs.empty() && channel.m_downloaded.empty());
-    EXPECT_EQ(std::make_tuple(channel.m_errorCode, channel.m_errorContext + channel.m_response, channel.m_responseLength),
-              std::make_tuple(0, std::string(), 0LL));
+    EXPECT_EQ(std::make_tuple(channel.m_errorCode, channel.m_errorContext + channel.m_response,
+                              channel.m_responseLength), std::make_tuple(0, std::string(), 0LL));
     ASSERT_EQ(channel.m_batch.size(), 2u);
     EXPECT_TRUE(channel.m_batch[0]->jobs.empty() && channel.m_batch[1]->jobs.empty());
     EXPECT_EQ(countLines(capture.text(), "webChannel::init - start initSSL"), 1);  // by the first init only
@@ -116,7 +116,8 @@ TEST(Log, LinesGoToTheFileOrStandardOutputUntilDestructionClosesTheFile) {
         webChannel::log("%s", message);
     }
     EXPECT_EQ(webChannel::m_log, nullptr);
-    const std::string end = "VRAXSecureWebChannel::~webChannel: started", start = "webChannel::setLog " + std::string(path);
+    const std::string start = "webChannel::setLog " + std::string(path);
+    const std::string end = "VRAXSecureWebChannel::~webChannel: started";
     std::ostringstream text;
     text << std::ifstream(path).rdbuf();
     EXPECT_EQ(messages(text.str()), (Lines{start, "first", end, start, "second", end}));  // appended to
