@@ -1,6 +1,4 @@
 // The host's job list: adding (with the size probe) and removing, hostile arguments included.
-#include <sys/stat.h>
-
 #include <climits>
 
 #include "batch/batch_helpers.h"
@@ -33,14 +31,10 @@ TEST_F(Jobs, AddingRefusesBadArgumentsSkipsWhatIsPresentEmptiesStaleTargetsAndLi
     EXPECT_EQ(channel.httpMultiGet(false), 0);  // no jobs
     std::ofstream(dir + "/done") << "hello";
     std::ofstream(dir + "/stale") << "old content";
-    struct stat before, after;
     std::string upper = digestOf("hello");
     for (char& c : upper) c = (char)toupper(c);
-    EXPECT_EQ(stat((dir + "/done").c_str(), &before), 0);
     job(channel, nowhere + "done", "/done", 5, upper, "MD5", kAlreadyPresent);
-    EXPECT_EQ(stat((dir + "/done").c_str(), &after), 0);
-    EXPECT_TRUE(after.st_mtim.tv_nsec == before.st_mtim.tv_nsec && readFile(dir + "/done") == "hello");
-    EXPECT_TRUE(channel.m_httpGetJobs.empty());
+    EXPECT_TRUE(readFile(dir + "/done") == "hello" && channel.m_httpGetJobs.empty());
     job(channel, nowhere + "a", "/stale", 5, "00", "md5");
     job(channel, nowhere + "b", "/a/b/c/new", 5);
     job(channel, nowhere + "b", "/other", 5);
