@@ -434,6 +434,12 @@ cert="$dir/cert.pem" key="$dir/key.pem"
 make_cert "$cert" "$key" DNS:localhost "$run/openssl.log" || fail "could not create the test certificate" "$run/openssl.log"
 make_data
 
+# The peers of a previous suite may still be letting go of the port: wait a
+# bounded while before calling it taken.
+for ((i = 0; i < 50; i++)); do
+  port_listening "$HTTPS_PORT" || break
+  sleep 0.2
+done
 if port_listening "$HTTPS_PORT"; then
   fail "127.0.0.1:$HTTPS_PORT is already in use by another process (the HTTPS peer needs it)"
 fi
