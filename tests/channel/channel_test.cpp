@@ -4,12 +4,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-
 #include "channel/webChannel.h"
 #include "support/peers.h"
 #include "support/script_server.h"
 
 namespace {
+
+using namespace testsupport;
 
 const std::string kLong(65536, 'a'), kCrLf = "\r\nX-Injected: 1", kNonAscii = "d\xC3\xA4t\xC3\xA4-\xE2\x82\xAC-\xFF";
 
@@ -26,17 +27,20 @@ protected:
     }
     VRAXSecureWebChannel* channel = VRAXSecureWebChannelCreate();
     webChannel& impl() { return *static_cast<webChannel*>(channel); }
-    const std::string dir = testsupport::tempDir();
+    const std::string dir = tempDir();
 };
 
-TEST_F(BadInput, ConfigurationTakesAnyTextAndAnswersWithItsCodes) {
+TEST_F(BadInput, ConfigurationAndSingleRequestsAnswerUnusableTextWithTheirCodes) {
     for (const std::string& path : {std::string(), "/" + kLong, dir + "/no/such/dir/log"}) {
         channel->setLog(path.c_str());
         EXPECT_EQ(webChannel::m_log, nullptr) << path.size();
     }
     for (const auto& [proxy, code] : std::vector<std::pair<std::string, int>>{
-             {"", kInvalidArgument}, {"http://", kInvalidArgument}, {"http://" + kLong + "..x:1", kProxyUnusable},
-             {"http://" + kNonAscii + "..x:1", kProxyUnusable}, {"http://p" + kCrLf + "..x:1", kProxyUnusable},
+             {"", kInvalidArgument},
+             {"http://", kInvalidArgument},
+             {"http://" + kLong + "..x:1", kProxyUnusable},
+             {"http://" + kNonAscii + "..x:1", kProxyUnusable},
+             {"http://p" + kCrLf + "..x:1", kProxyUnusable},
              {"http://127.0.0.1:3128" + kCrLf, kOk}}) {  // the number in front of the port text counts
         EXPECT_EQ(channel->setProxy(proxy.c_str(), nullptr), code) << proxy.substr(0, 40);
         EXPECT_EQ(channel->setProxy(nullptr, proxy.c_str()), code) << proxy.substr(0, 40);
@@ -47,16 +51,18 @@ TEST_F(BadInput, ConfigurationTakesAnyTextAndAnswersWithItsCodes) {
     EXPECT_EQ(channel->resolveProxy(nullptr), nullptr);
     for (const std::string& url : {std::string(), "http://" + kLong, "http://h/" + kCrLf, "https://" + kNonAscii})
         EXPECT_STREQ(channel->resolveProxy(url.c_str()), "");  // direct
-}
-
-TEST_F(BadInput, SingleRequestsRejectUnusableUrls) {
     const std::string file = dir + "/f";
     char body[] = "x";
-    for (const auto& [url, code] : std::vector<std::pair<std::string, int>>{
-             {"", kInvalidArgument}, {"http://", kInvalidArgument}, {"http:///path", kInvalidArgument},
-             {"host..x/" + kCrLf, kInvalidArgument}, {kNonAscii + "/x", kInvalidArgument}, {kLong, kInvalidArgument},
-             {"http://" + kLong + "..x/", kProxyUnusable}, {"http://" + kNonAscii + "..x/", kProxyUnusable},
-             {"http://h" + kCrLf + "..x/", kProxyUnusable}}) {
+    for (const auto& [url, code] :
+         std::vector<std::pair<std::string, int>>{{"", kInvalidArgument},
+                                                  {"http://", kInvalidArgument},
+                                                  {"http:///path", kInvalidArgument},
+                                                  {"host..x/" + kCrLf, kInvalidArgument},
+                                                  {kNonAscii + "/x", kInvalidArgument},
+                                                  {kLong, kInvalidArgument},
+                                                  {"http://" + kLong + "..x/", kProxyUnusable},
+                                                  {"http://" + kNonAscii + "..x/", kProxyUnusable},
+                                                  {"http://h" + kCrLf + "..x/", kProxyUnusable}}) {
         for (const char* u : {url.c_str(), (const char*)nullptr}) {  // null is refused alike
             const int expected = u == nullptr ? kInvalidArgument : code;
             EXPECT_EQ(channel->httpGet(u, file.c_str()), expected) << url.substr(0, 40);
@@ -73,23 +79,23 @@ TEST_F(BadInput, SingleRequestsRejectUnusableUrls) {
 // Line breaks in a URL's path reach the request line as given, and the channel adds nothing of its own; odd
 // file names are just names.
 TEST_F(BadInput, ALineBreakInThePathReachesTheRequestLineAsGiven) {
-    const int descriptors = testsupport::openDescriptorCount();
+    const int descriptors = openDescriptorCount();
     {
-        testsupport::ScriptServer server([](testsupport::ServerConnection& c) {
-            for (int i = 0; i < 10 && !c.readRequest().empty(); ++i) c.send(testsupport::httpResponse(200, "hello"));
+        ScriptServer server([](ServerConnection& c) {
+            for (int i = 0; i < 10 && !c.readRequest().empty(); ++i) c.send(httpResponse(200, "hello"));
         });
         const std::string host = "127.0.0.1:" + std::to_string(server.port()), odd = dir + "/f" + kCrLf + kNonAscii;
         ASSERT_EQ(channel->httpGet(server.url("/a" + kCrLf).c_str()), 0);
         EXPECT_STREQ(channel->httpResponse(nullptr), "\r\n\r\nhello");
         ASSERT_EQ(channel->httpGet_c(server.url("/b" + kCrLf).c_str(), odd.c_str()), 0);
-        EXPECT_EQ(testsupport::readFile(odd), "hello");
+        EXPECT_EQ(readFile(odd), "hello");
         const std::string end = " HTTP/1.1\r\nHost: " + host + "\r\n\r\n";
         EXPECT_EQ(server.requests(),
                   (std::vector<std::string>{"GET /a" + kCrLf + end, "GET http://" + host + "/b" + kCrLf + end}));
         EXPECT_EQ(channel->httpGet(server.url("/c").c_str(), (dir + "/" + kLong).c_str()), kFileWrite);
         channel->close();
     }
-    EXPECT_EQ(testsupport::openDescriptorCount(), descriptors);
+    EXPECT_EQ(openDescriptorCount(), descriptors);
 }
 
 }  // namespace

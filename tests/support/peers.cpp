@@ -22,25 +22,22 @@ namespace {
 Peers loadPeers() {
     const std::string path = std::string(WEBCHANNEL_TEST_ENV) + "/peers.env";
     std::ifstream in(path);
-    if (!in) failHard("test peers: cannot read " + path + " (written by the CTest fixture peers.start)");
     std::map<std::string, std::string> values;
     for (std::string line; std::getline(in, line);)
-        if (size_t eq = line.find('='); eq != std::string::npos && line[0] != '#')
-            values[line.substr(0, eq)] = line.substr(eq + 1);
-    std::string missing;
-    auto text = [&](const char* name) {
-        if (values[name].empty()) missing += std::string(" ") + name;
-        return values[name];
-    };
-    auto number = [&](const char* name) { return atoi(text(name).c_str()); };
-    Peers p{number("HTTP_PORT"),      number("HTTPS_PORT"),         number("SQUID_PORT"), number("TINYPROXY_PORT"),
-            text("SQUID_USER"),       text("SQUID_PASSWORD"),       text("TINYPROXY_USER"),
-            text("TINYPROXY_PASSWORD"), text("AUTH_USER"),          text("AUTH_PASSWORD"),
-            text("WWW"),              text("CERT"),                 text("KEY")};
-    if (!missing.empty()) failHard("test peers: " + path + " lacks" + missing);
-    // URLs for the HTTPS peer leave the port out.
-    if (p.httpsPort != 443) failHard("test peers: " + path + " must say HTTPS_PORT=443");
-    return p;
+        if (size_t eq = line.find('='); eq != std::string::npos) values[line.substr(0, eq)] = line.substr(eq + 1);
+    for (const char* name : {"HTTP_PORT", "SQUID_PORT", "SQUID_USER", "SQUID_PASSWORD", "TINYPROXY_PORT",
+                             "TINYPROXY_USER", "TINYPROXY_PASSWORD", "WWW", "CERT"})
+        if (values[name].empty()) failHard("test peers: no " + std::string(name) + " in " + path);
+    if (values["HTTPS_PORT"] != "443") failHard("test peers: " + path + " must say HTTPS_PORT=443");
+    return {std::stoi(values["HTTP_PORT"]),
+            std::stoi(values["SQUID_PORT"]),
+            std::stoi(values["TINYPROXY_PORT"]),
+            values["SQUID_USER"],
+            values["SQUID_PASSWORD"],
+            values["TINYPROXY_USER"],
+            values["TINYPROXY_PASSWORD"],
+            values["WWW"],
+            values["CERT"]};
 }
 
 }  // namespace
@@ -58,8 +55,7 @@ std::string readFile(const std::string& path) {
     return out.str();
 }
 
-int openDescriptorCount() {
-    // Less the one the listing itself holds open.
+int openDescriptorCount() {  // less the one the listing itself holds open
     return (int)std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}) - 1;
 }
 

@@ -7,16 +7,15 @@
 namespace testsupport {
 
 // The peers of <WEBCHANNEL_TEST_ENV>/peers.env. nginx: HTTP on httpPort, HTTPS on 443 with a self-signed
-// certificate for "localhost", docroot `www` (/post answers a POST with "posted\n", /redirect/<x> is a 302 to
-// /five.bin, /auth/<file> needs Basic authentication); squid and tinyproxy: forward proxies with Basic proxy
-// authentication, CONNECT only to 443. In `www`: empty.bin, five.bin ("hello"), k256m1.bin, k256.bin,
-// k256p1.bin (256 KiB -1/0/+1), m1.bin (1 MiB), m40.bin (40 MiB), small/f00000.bin .. f09999.bin (1 KiB).
+// certificate for "localhost", docroot `www` (/post answers a POST with "posted\n"); squid and tinyproxy:
+// forward proxies with Basic proxy authentication, CONNECT only to 443. In `www`: empty.bin, five.bin
+// ("hello"), k256m1.bin, k256.bin, k256p1.bin (256 KiB -1/0/+1), m1.bin (1 MiB), m40.bin (40 MiB),
+// small/f00000.bin .. f09999.bin (1 KiB).
 struct Peers {
-    int httpPort = 0, httpsPort = 0, squidPort = 0, tinyproxyPort = 0;
+    int httpPort = 0, squidPort = 0, tinyproxyPort = 0;
     std::string squidUser, squidPassword, tinyproxyUser, tinyproxyPassword;
-    std::string authUser, authPassword;  // nginx /auth/
-    std::string www;                     // absolute docroot
-    std::string cert, key;               // PEM certificate of the HTTPS peer (CA for itself) and its key
+    std::string www;   // absolute docroot
+    std::string cert;  // PEM certificate of the HTTPS peer
 
     std::string httpUrl(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(httpPort) + path; }
     std::string httpsUrl(const std::string& path) const { return "https://127.0.0.1" + path; }  // port 443 implied
@@ -24,13 +23,10 @@ struct Peers {
 
 // A missing or incomplete peers.env fails the calling test and throws: it never passes without the peers.
 const Peers& peers();
-
 // The whole file, byte for byte. Fails the test and throws if unreadable.
 std::string readFile(const std::string& path);
-
 // Descriptors this process has open: compare to find leaks.
 int openDescriptorCount();
-
 // A fresh directory named after the calling test in the build tree's test environment; fails and throws if not made.
 std::string tempDir();
 
