@@ -1,5 +1,5 @@
-// Shared by the transport and HTTP tests: a channel with its log captured and a one-second
-// transfer time-out, a loopback port the test holds itself, and a stopwatch for the time-outs.
+// Shared by the transport and HTTP tests: a channel with its log captured and a one-second transfer time-out,
+// a loopback port the test holds itself, a stopwatch for the time-outs, contents and scripted answers.
 #ifndef WEBCHANNEL_TESTS_TRANSPORT_HELPERS_H
 #define WEBCHANNEL_TESTS_TRANSPORT_HELPERS_H
 
@@ -8,10 +8,9 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <thread>
+#include <fstream>
+#include <random>
 
 #include "channel/webChannel.h"
 #include "support/log_capture.h"
@@ -81,12 +80,44 @@ protected:
         ASSERT_EQ(channel.init(1), 0);
         channel.setParam(kParamTimeout, "1", true);
     }
-    // Log lines containing `needle`.
-    int loggedCount(const std::string& needle) const { return testsupport::countLines(log.text(), needle); }
+    int loggedCount(const std::string& needle) const { return countLines(log.text(), needle); }
 
-    testsupport::LogCapture log;
+    LogCapture log;
     webChannel channel;
 };
+
+inline void writeFile(const std::string& path, const std::string& content) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+// `size` bytes, the same for the same seed: of any value, or letters only for bodies used as C text.
+inline std::string pattern(size_t size, unsigned seed, bool letters = false) {
+    std::string text(size, '\0');
+    std::mt19937 random(seed);
+    for (char& c : text) c = letters ? (char)('a' + random() % 26) : (char)(random() & 0xff);
+    return text;
+}
+
+inline std::string hostOf(const ScriptServer& server) {
+    return "127.0.0.1:" + std::to_string(server.port());
+}
+
+// The path a raw request asks for, also when its line names the absolute URL.
+inline std::string requestPath(const std::string& request) {
+    const size_t first = request.find(' '), second = request.find(' ', first + 1);
+    const std::string target = second == std::string::npos ? "" : request.substr(first + 1, second - first - 1);
+    return target.rfind("http://", 0) == 0 ? target.substr(std::min(target.find('/', 7), target.size())) : target;
+}
+
+// Answers every request of a connection with respond(request), at most 100.
+inline ScriptServer::Handler serveEach(std::function<std::string(const std::string&)> respond) {
+    return [respond](ServerConnection& connection) {
+        for (int i = 0; i < 100; ++i) {
+            const std::string request = connection.readRequest();
+            if (request.empty() || !connection.send(respond(request))) return;
+        }
+    };
+}
 
 }  // namespace transporttest
 
