@@ -1,18 +1,13 @@
 // URL splitting, exact part by part.
-#include "transport/url.h"
-
 #include <gtest/gtest.h>
+
+#include "transport/url.h"
 
 namespace {
 
 TEST(UrlSplit, CutsAtTheFirstOfEachSeparatorAndFillsThePartsEvenOnFailure) {
-    struct Case {
-        const char* url;
-        bool ok;
-        const char *credentials, *host, *port, *path;
-        bool https;
-    };
-    const Case cases[] = {
+    // URL, result, credentials, host, port, path, TLS
+    const std::tuple<std::string, bool, std::string, std::string, std::string, std::string, bool> cases[] = {
         {"https://h/x", true, "", "h", "443", "/x", true},
         {"h:8080/x", true, "", "h", "8080", "/x", false},    // a port needs no scheme
         {"h/x", false, "", "h", "80", "/x", false},          // neither scheme nor port
@@ -25,17 +20,13 @@ TEST(UrlSplit, CutsAtTheFirstOfEachSeparatorAndFillsThePartsEvenOnFailure) {
         {"http://", true, "", "", "80", "", false},
         {"", false, "", "", "80", "", false},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.url);
+    for (const auto& [url, ok, credentials, host, port, path, https] : cases) {
+        SCOPED_TRACE(url);
         UrlParts parts;
-        EXPECT_EQ(splitUrl(c.url, parts), c.ok);
-        EXPECT_EQ(parts.credentials, c.credentials);
-        EXPECT_EQ(parts.hasCredentials, *c.credentials != '\0');
-        EXPECT_EQ(parts.host, c.host);
-        EXPECT_EQ(parts.port, c.port);
-        EXPECT_EQ(parts.path, c.path);
-        EXPECT_EQ(parts.hasPath, *c.path != '\0');
-        EXPECT_EQ(parts.https, c.https);
+        EXPECT_EQ(splitUrl(url, parts), ok);
+        EXPECT_EQ(std::make_tuple(parts.credentials, parts.hasCredentials, parts.host, parts.port),
+                  std::make_tuple(credentials, !credentials.empty(), host, port));
+        EXPECT_EQ(std::make_tuple(parts.path, parts.hasPath, parts.https), std::make_tuple(path, !path.empty(), https));
     }
 }
 
