@@ -1,7 +1,4 @@
-// Records: the codes of failed and unanswered connects, the handshake with the
-// self-signed peer, reuse and reconnects, worker pools, the descriptors close()
-// releases; raw reads and writes: -2 when the time-out ends a wait, 0 and a
-// hang-up bit once the peer has closed, -1 and the socket error after a reset.
+// Connection records: opening, reuse, pools, close(); raw reads and writes after time-outs, hang-ups and resets.
 #include <openssl/x509_vfy.h>
 #include <sys/epoll.h>
 #include <sys/stat.h>
@@ -14,7 +11,6 @@
 namespace {
 
 using namespace transporttest;
-using Pool = std::map<std::string, webChannel::connection*>;
 
 const std::string kUnresolvable = "http://no..such..host/x";  // an empty label: rejected without a query
 const std::string kHandshakeDone = "VRAXSecureWebChannel::connectSSL: handshake result 1, error code 0";
@@ -45,14 +41,12 @@ TEST_F(Connect, FailedOpensGiveTheirCodeAndLeaveNoRecordNoCacheEntryAndNoDescrip
         int result = 0;
         Stopwatch watch;
         EXPECT_EQ(channel.open(url, nullptr, false, &result), nullptr) << url;
-        EXPECT_LT(watch.seconds(), 0.9) << url;
-        EXPECT_EQ(result, code) << url;
-        EXPECT_EQ(channel.m_errorCode, code) << url;
+        EXPECT_TRUE(watch.tookTheTimeout(false)) << url;
+        EXPECT_TRUE(result == code && channel.m_errorCode == code) << url << ": " << result;
         EXPECT_EQ(loggedCount(line), lines + 1) << url;
         EXPECT_TRUE(channel.m_connections.empty()) << url;
         EXPECT_EQ(openDescriptorCount(), descriptors) << url;
     }
-    EXPECT_EQ(channel.m_hostAddresses.count("no..such..host:80"), 0u);
     EXPECT_EQ(loggedCount("connectSSL:") + loggedCount("created connection"), 0);
     // A URL without a host is refused before any socket, leaving the error alone.
     EXPECT_EQ(channel.open("http:///five.bin", nullptr, false), nullptr);
@@ -71,7 +65,7 @@ TEST_F(Connect, UnansweredConnectFailsAfterTheTransferTimeout) {
         bool saturated = false;
         for (int i = 0; i < 8 && !saturated; ++i) {
             fillers.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-            sockaddr_in address{AF_INET, htons((uint16_t)full.port()), {htonl(INADDR_LOOPBACK)}, {}};
+            sockaddr_in address{AF_INET, htons((uint16_t)full.port), {htonl(INADDR_LOOPBACK)}, {}};
             if (::connect(fillers.back(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) continue;
             pollfd waiter = {fillers.back(), POLLOUT, 0};
             saturated = errno == EINPROGRESS && ::poll(&waiter, 1, 300) == 0;
@@ -79,77 +73,81 @@ TEST_F(Connect, UnansweredConnectFailsAfterTheTransferTimeout) {
         int result = 0;
         Stopwatch watch;
         webChannel::connection* conn = saturated ? channel.open(full.url("/"), nullptr, false, &result) : nullptr;
-        const double elapsed = watch.seconds();
         for (int fd : fillers) ::close(fd);
         if (!saturated) GTEST_SKIP() << "this network stack answers connects beyond the accept queue";
         EXPECT_EQ(conn, nullptr);
         EXPECT_EQ(result, kConnectFailed);
-        EXPECT_TRUE(tookTheTimeout(elapsed));
-        EXPECT_EQ(loggedCount("VRAXSecureWebChannel::initSocket: connection timeout"), 1) << log.text();
+        EXPECT_TRUE(watch.tookTheTimeout());
         channel.close();
     }
     EXPECT_EQ(openDescriptorCount(), descriptors);
 }
 
-TEST_F(Connect, SelfSignedPeerCompletesTheHandshakeAndItsFailedVerificationIsOnlyLogged) {
-    int result = 12345;
-    webChannel::connection* conn = channel.open(peers().httpsUrl("/five.bin"), nullptr, false, &result);
-    ASSERT_NE(conn, nullptr) << log.text();
-    EXPECT_EQ(result, 0);
-    EXPECT_TRUE(conn->https && conn->ssl != nullptr && SSL_is_init_finished(conn->ssl));
-    // The certificate (made by test-peers.sh) names localhost, the connection
-    // 127.0.0.1: the self-signed chain fails verification, reported in this order.
-    const std::string expected[] = {"Verifying certificate /CN=localhost : FAIL",
-                                    "VRAXSecureWebChannel::connectSSL: certificate verification failed with code " +
-                                        std::to_string(X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT),
-                                    kHandshakeDone};
-    const std::vector<std::string> lines = log.lines();
-    auto at = lines.begin();
-    for (const std::string& line : expected) {
-        at = std::find(at, lines.end(), line);
-        EXPECT_NE(at, lines.end()) << "missing or out of order: " << line << "\n" << log.text();
+// Also the handshake with the self-signed peer, and close() releasing failed handshakes and replaced records.
+TEST_F(Connect, RecordsAreReusedByHostAndPortReplacedOnReconnectAndReleasedByClose) {
+    const int descriptors = openDescriptorCount();
+    std::atomic<int> served{0};
+    {
+        ScriptServer garbage([&](ServerConnection& c) {
+            ++served;
+            c.readBytes(5);  // the start of the ClientHello
+            c.send("HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n");
+            c.stall(15);
+        });
+        ScriptServer closing([](ServerConnection& c) { c.close(); });
+        int result = 1;
+        webChannel::connection* plain = channel.open(peers().httpUrl("/"), nullptr, false, &result);
+        webChannel::connection* tls = channel.open(peers().httpsUrl("/five.bin"), nullptr, false, &result);
+        ASSERT_TRUE(plain != nullptr && tls != nullptr) << log.text();
+        // The certificate names localhost, not 127.0.0.1: the self-signed chain fails verification, only logged.
+        EXPECT_EQ(loggedCount("Verifying certificate /CN=localhost : FAIL"), 1) << log.text();
+        EXPECT_EQ(loggedCount("connectSSL: certificate verification failed with code " +
+                              std::to_string(X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT)),
+                  1);
+        // The trust store loaded at init: the first of the two places that exists.
+        struct stat store;
+        const std::string bundle = "/etc/pki/tls/certs/ca-bundle.crt";
+        const std::string path = stat(bundle.c_str(), &store) == 0 ? bundle : "/etc/ssl/certs";
+        const std::string kind = stat(path.c_str(), &store) != 0 ? "none" : S_ISDIR(store.st_mode) ? "dir" : "file";
+        EXPECT_EQ(loggedCount("VRAXSecureWebChannel::initSSL: using " + path + " as certificate store " + kind),
+                  kind == "none" ? 0 : 1);
+        // Reused whatever the scheme, without a second handshake; only plain records are marked writable (bit 4).
+        EXPECT_EQ(channel.open("https://" + httpKey() + "/five.bin", nullptr, false, &result), plain);
+        EXPECT_EQ(channel.open(peers().httpsUrl("/empty.bin"), nullptr, false), tls);
+        EXPECT_EQ(result, 0);
+        EXPECT_EQ(plain->readyEvents, 4);
+        EXPECT_EQ(tls->readyEvents, 0);
+        EXPECT_EQ(loggedCount(kHandshakeDone), 1);
+        // A reconnect takes the old record's address: a new lookup would fail on the spoiled cache.
+        channel.m_hostAddresses[httpKey()] = 0;
+        const int lookups = loggedCount("VRAXSecureWebChannel::parseURL:");
+        webChannel::connection* freshPlain = channel.open(peers().httpUrl("/"), nullptr, true, &result);
+        ASSERT_NE(freshPlain, nullptr) << log.text();
+        EXPECT_EQ(result, 0);
+        EXPECT_EQ(loggedCount("VRAXSecureWebChannel::parseURL:"), lookups);
+        EXPECT_EQ(freshPlain->address, htonl(INADDR_LOOPBACK));
+        EXPECT_EQ(freshPlain->readyEvents, 0);
+        webChannel::connection* freshTls = channel.open(peers().httpsUrl("/"), nullptr, true);
+        ASSERT_NE(freshTls, nullptr) << log.text();
+        EXPECT_TRUE(plain->socket == 0 && tls->socket == 0 && tls->ssl == nullptr);  // closed, but still valid
+        EXPECT_TRUE(freshTls->ssl != nullptr && SSL_is_init_finished(freshTls->ssl));
+        EXPECT_EQ(loggedCount(kHandshakeDone), 2);
+        EXPECT_EQ(channel.m_connections, (std::map<std::string, webChannel::connection*>{{httpKey(), freshPlain},
+                                                                                         {"127.0.0.1:443", freshTls}}));
+        EXPECT_EQ(channel.open("https://127.0.0.1:" + std::to_string(garbage.port()) + "/", nullptr, false), nullptr);
+        EXPECT_EQ(channel.m_errorCode, kTlsHandshake);
+        EXPECT_EQ(loggedCount("VRAXSecureWebChannel::connectSSL: handshake result -1, error code 1"), 1) << log.text();
+        webChannel::connection idle(htonl(INADDR_LOOPBACK), "127.0.0.1", "80", false);
+        channel.closeSocket(&idle);  // not connected: must not close descriptor 0
+        channel.closeSocket(nullptr);
+        char buffer[32];
+        EXPECT_EQ(channel.read(channel.open(closing.url("/"), nullptr, false), buffer, sizeof(buffer), 0, false), 0);
+        ASSERT_NE(channel.open(closing.url("/"), nullptr, true), nullptr);
+        EXPECT_EQ(channel.m_connections.size(), 3u);
+        channel.close();
     }
-    EXPECT_EQ(loggedCount("Verifying certificate "), 1);
-    // The trust store loaded at init: the first of the two places that exists.
-    struct stat store;
-    const bool bundle = stat("/etc/pki/tls/certs/ca-bundle.crt", &store) == 0;
-    if (bundle || stat("/etc/ssl/certs", &store) == 0) {
-        EXPECT_EQ(loggedCount(std::string("VRAXSecureWebChannel::initSSL: using ") +
-                              (bundle ? "/etc/pki/tls/certs/ca-bundle.crt" : "/etc/ssl/certs") +
-                              " as certificate store " + (S_ISDIR(store.st_mode) ? "dir" : "file")),
-                  1)
-            << log.text();
-    }
-}
-
-TEST_F(Connect, RecordsAreReusedByHostAndPortAndReplacedOnReconnect) {
-    int result = 1;
-    webChannel::connection* plain = channel.open(peers().httpUrl("/"), nullptr, false, &result);
-    webChannel::connection* tls = channel.open(peers().httpsUrl("/five.bin"), nullptr, false, &result);
-    ASSERT_TRUE(plain != nullptr && tls != nullptr) << log.text();
-    EXPECT_EQ(plain->readyEvents + tls->readyEvents, 0);
-    // Reused whatever the scheme, without a second handshake; only plain records are marked writable (the epoll bit 4).
-    EXPECT_EQ(channel.open("https://" + httpKey() + "/five.bin", nullptr, false, &result), plain);
-    EXPECT_EQ(channel.open(peers().httpsUrl("/empty.bin"), nullptr, false), tls);
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(plain->readyEvents, 4);
-    EXPECT_EQ(tls->readyEvents, 0);
-    EXPECT_EQ(loggedCount(kHandshakeDone), 1);
-    // A reconnect takes the old record's address: a new lookup would fail on the spoiled cache.
-    channel.m_hostAddresses[httpKey()] = 0;
-    const int lookups = loggedCount("VRAXSecureWebChannel::parseURL:");
-    webChannel::connection* freshPlain = channel.open(peers().httpUrl("/"), nullptr, true, &result);
-    ASSERT_NE(freshPlain, nullptr) << log.text();
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(loggedCount("VRAXSecureWebChannel::parseURL:"), lookups);
-    EXPECT_EQ(freshPlain->address, htonl(INADDR_LOOPBACK));
-    EXPECT_EQ(freshPlain->readyEvents, 0);
-    webChannel::connection* freshTls = channel.open(peers().httpsUrl("/"), nullptr, true);
-    ASSERT_NE(freshTls, nullptr) << log.text();
-    EXPECT_TRUE(plain->socket == 0 && tls->socket == 0 && tls->ssl == nullptr);  // closed, but still valid
-    EXPECT_TRUE(freshTls->ssl != nullptr && SSL_is_init_finished(freshTls->ssl));
-    EXPECT_EQ(loggedCount(kHandshakeDone), 2);
-    EXPECT_EQ(channel.m_connections, (Pool{{httpKey(), freshPlain}, {"127.0.0.1:443", freshTls}}));
+    EXPECT_EQ(served.load(), 1);
+    EXPECT_EQ(openDescriptorCount(), descriptors);
 }
 
 TEST_F(Connect, WorkersOpeningAtOnceKeepPoolsOfTheirOwnAndShareOneLookupAndProxyAnswer) {
@@ -166,11 +164,9 @@ TEST_F(Connect, WorkersOpeningAtOnceKeepPoolsOfTheirOwnAndShareOneLookupAndProxy
     }
     for (std::thread& thread : threads) thread.join();
     std::set<webChannel::connection*> records;
-    for (webChannel::threadData& worker : workers) {
-        EXPECT_EQ(worker.connections.size(), 2u) << log.text();
+    for (webChannel::threadData& worker : workers)
         for (const auto& entry : worker.connections) records.insert(entry.second);
-    }
-    EXPECT_TRUE(records.size() == 8 && records.count(nullptr) == 0);  // none missing, none shared
+    EXPECT_TRUE(records.size() == 8 && records.count(nullptr) == 0) << log.text();  // none missing, none shared
     EXPECT_TRUE(channel.m_connections.empty());
     EXPECT_EQ(loggedCount(kHandshakeDone), 4);
     // Each host and port is resolved once, whoever came first; the others take the cached address.
@@ -179,7 +175,6 @@ TEST_F(Connect, WorkersOpeningAtOnceKeepPoolsOfTheirOwnAndShareOneLookupAndProxy
         EXPECT_EQ(loggedCount("parseURL: cached IP address of " + key + " is 100007f"), 3) << log.text();
     }
     // The proxy answer is asked once for each scheme and host.
-    EXPECT_EQ(channel.m_proxyAnswers.size(), 2u);
     EXPECT_EQ(loggedCount("VRAXSecureWebChannel::resolveProxy: started with "), 2) << log.text();
     // The shared pool knows none of them; a worker gets its own record back.
     webChannel::connection* shared = channel.open(peers().httpUrl("/"), nullptr, false);
@@ -188,43 +183,6 @@ TEST_F(Connect, WorkersOpeningAtOnceKeepPoolsOfTheirOwnAndShareOneLookupAndProxy
     for (webChannel::threadData& worker : workers) channel.emptyPool(worker.connections, worker.retired);
 }
 
-TEST_F(Connect, CloseReleasesEveryDescriptorOfASeriesOfGoodAndFailedOpens) {
-    LoopbackPort refusing(false);
-    const int descriptors = openDescriptorCount();
-    std::atomic<int> served{0};
-    {
-        ScriptServer garbage([&](ServerConnection& c) {
-            ++served;
-            c.readBytes(5);  // the start of the ClientHello
-            c.send("HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n");
-            c.stall(15);
-        });
-        ScriptServer closing([](ServerConnection& c) { c.close(); });
-        EXPECT_EQ(channel.open("https://127.0.0.1:" + std::to_string(garbage.port()) + "/", nullptr, false), nullptr);
-        EXPECT_EQ(channel.m_errorCode, kTlsHandshake);
-        EXPECT_EQ(loggedCount("VRAXSecureWebChannel::connectSSL: handshake result -1, error code 1"), 1) << log.text();
-        webChannel::connection idle(htonl(INADDR_LOOPBACK), "127.0.0.1", "80", false);
-        channel.closeSocket(&idle);  // not connected: must not close descriptor 0
-        channel.closeSocket(nullptr);
-        for (bool reconnect : {false, false, true}) {  // new, reused, reconnected
-            ASSERT_NE(channel.open(peers().httpUrl("/"), nullptr, reconnect), nullptr);
-            ASSERT_NE(channel.open(peers().httpsUrl("/"), nullptr, reconnect), nullptr);
-        }
-        char buffer[32];
-        EXPECT_EQ(channel.read(channel.open(closing.url("/"), nullptr, false), buffer, sizeof(buffer), 0, false), 0);
-        ASSERT_NE(channel.open(closing.url("/"), nullptr, true), nullptr);
-        EXPECT_EQ(channel.open(refusing.url("/"), nullptr, false), nullptr);
-        EXPECT_EQ(channel.open(kUnresolvable, nullptr, false), nullptr);
-        EXPECT_EQ(channel.m_connections.size(), 3u);
-        channel.close();
-    }
-    EXPECT_EQ(served.load(), 1);
-    EXPECT_EQ(openDescriptorCount(), descriptors);
-}
-
-const std::string kRequest = "GET / HTTP/1.1\r\n\r\n";
-
-// A record to a port whose server end the test holds.
 class ReadWrite : public ChannelTest {
 protected:
     void SetUp() override {
@@ -234,7 +192,6 @@ protected:
         ASSERT_TRUE(conn != nullptr && peer >= 0) << log.text();
         memset(buffer, 'x', sizeof(buffer));
     }
-    bool peerGotNothing() { return recv(peer, buffer, sizeof(buffer), MSG_DONTWAIT) == -1 && errno == EAGAIN; }
 
     LoopbackPort port{true};
     webChannel::connection* conn = nullptr;
@@ -242,29 +199,28 @@ protected:
     char buffer[64];
 };
 
-TEST_F(ReadWrite, SilentPeerEndsReadsAndReadinessWaitsWithMinusTwoAfterTheTimeout) {
+TEST_F(ReadWrite, SilenceEndsWaitsWithMinusTwoAfterTheTimeoutAndAHangupWithZeroAndTheBitAtOnce) {
     Stopwatch watch;
     EXPECT_EQ(channel.read(conn, buffer, sizeof(buffer), 0, false), -2);
-    EXPECT_TRUE(tookTheTimeout(watch.seconds()));
+    EXPECT_TRUE(watch.tookTheTimeout());
     EXPECT_EQ(std::string(buffer, 2), std::string("\0x", 2));  // terminated, nothing else written
     EXPECT_EQ(channel.prepareSocket(conn, true), 1);
     Stopwatch again;
     EXPECT_EQ(channel.prepareSocket(conn, false), -2);
-    EXPECT_TRUE(tookTheTimeout(again.seconds()));
+    EXPECT_TRUE(again.tookTheTimeout());
     EXPECT_EQ(conn->hangupEvents, 0u);
-}
-
-TEST_F(ReadWrite, PeerHangupGivesZeroAndTheBitAndAReusedRecordThenSendsNothing) {
     ASSERT_EQ(shutdown(peer, SHUT_WR), 0);
-    Stopwatch watch;
+    Stopwatch hangup;
+    buffer[0] = 'x';
     EXPECT_EQ(channel.read(conn, buffer, sizeof(buffer), 0, false), 0);
-    EXPECT_LT(watch.seconds(), 0.9);  // the close ended the wait, not the time-out
+    EXPECT_TRUE(hangup.tookTheTimeout(false));
     EXPECT_EQ(buffer[0], 0);
     ASSERT_NE(conn->hangupEvents & EPOLLRDHUP, 0u);
+    // Reused, the record is marked writable, so there is no wait; and nothing is sent.
     ASSERT_EQ(channel.open(port.url("/"), nullptr, false), conn);
-    ASSERT_EQ(conn->readyEvents, 4);  // reused: marked writable, so no wait
-    EXPECT_EQ(channel.write(conn, kRequest), 0);
-    EXPECT_TRUE(peerGotNothing());
+    ASSERT_EQ(conn->readyEvents, 4);
+    EXPECT_EQ(channel.write(conn, "GET / HTTP/1.1\r\n\r\n"), 0);
+    EXPECT_TRUE(recv(peer, buffer, sizeof(buffer), MSG_DONTWAIT) == -1 && errno == EAGAIN);
     EXPECT_EQ(loggedCount("VRAXSecureWebChannel::write"), 0) << log.text();
 }
 
@@ -272,7 +228,7 @@ TEST_F(ReadWrite, WriteAfterAResetGivesMinusOneAndLogsTheSocketError) {
     port.resetPeer();
     ASSERT_EQ(channel.prepareSocket(conn, false), 0) << log.text();  // a bounded wait for the reset
     ASSERT_NE(conn->hangupEvents & (EPOLLRDHUP | EPOLLHUP), 0u);
-    EXPECT_EQ(channel.write(conn, kRequest), -1);
+    EXPECT_EQ(channel.write(conn, "GET / HTTP/1.1\r\n\r\n"), -1);
     const std::string reset = std::to_string(ECONNRESET);
     EXPECT_EQ(loggedCount("VRAXSecureWebChannel::write socket error: " + reset), 1) << log.text();
     EXPECT_EQ(loggedCount("VRAXSecureWebChannel::write error: " + reset + ", result: -1"), 1) << log.text();
@@ -287,7 +243,7 @@ TEST_F(ReadWrite, TimedOutTlsReadGivesZeroOnlyInFillMode) {
         Stopwatch watch;
         const int result = channel.read(tls, slice.data(), kMaxRead, 0, fill);
         EXPECT_TRUE(fill ? result == 0 : result < 0) << fill << " " << result;
-        EXPECT_TRUE(tookTheTimeout(watch.seconds()));
+        EXPECT_TRUE(watch.tookTheTimeout());
         EXPECT_EQ(std::string(slice.data(), 2), std::string("\0x", 2));
     }
 }
