@@ -35,7 +35,6 @@ TEST_F(Proxy, HttpsGetTunnelsThroughSquidWithTheUrlsCredentialsWhilePlainHttpSta
     ASSERT_EQ(channel.m_connections.count("127.0.0.1:443"), 1u);
     EXPECT_EQ(channel.m_connections["127.0.0.1:443"]->address, 0u);  // the target is left to the proxy
     EXPECT_EQ(ntohs(channel.m_connections["127.0.0.1:443"]->serverAddress.sin_port), peers().squidPort);
-    EXPECT_EQ(loggedCount("HTTP/1.1 200 Connection established\r"), 1) << log.text();
     webChannel::connection* plain = channel.open(peers().httpUrl("/"), nullptr, false);
     ASSERT_NE(plain, nullptr) << log.text();
     EXPECT_EQ(ntohs(plain->serverAddress.sin_port), peers().httpPort);
@@ -55,7 +54,6 @@ TEST_F(Proxy, TinyproxyCarriesPlainRequestsWithCredentialsButItsLongTunnelAnswer
     channel.close();
     const int descriptors = openDescriptorCount();
     EXPECT_EQ(channel.httpGet(peers().httpsUrl("/five.bin").c_str()), kTlsHandshake) << log.text();
-    EXPECT_EQ(loggedCount("HTTP/1.0 200 Connection established"), 1) << log.text();
     EXPECT_TRUE(channel.m_connections.empty());
     channel.close();
     EXPECT_EQ(openDescriptorCount(), descriptors);
@@ -66,7 +64,6 @@ TEST_F(Proxy, ClosingResettingOrSilentProxiesFailTheTunnelWithTheirCodeLeavingNo
     enum Kind { kCloses, kResets, kSilent };
     for (Kind kind : {kCloses, kResets, kSilent}) {
         const int descriptors = openDescriptorCount();
-        std::vector<std::string> requests;
         {
             ScriptServer proxy([&](ServerConnection& c) {
                 if (kind == kCloses || c.readHead().empty()) return;
@@ -80,12 +77,12 @@ TEST_F(Proxy, ClosingResettingOrSilentProxiesFailTheTunnelWithTheirCodeLeavingNo
             EXPECT_EQ(result, kind == kSilent ? kTunnelRefused : kPeerClosed) << kind;
             EXPECT_EQ(channel.m_errorCode, result);
             EXPECT_TRUE(channel.m_connections.empty());
+            const std::string connect =
+                "CONNECT 127.0.0.1:443 HTTP/1.1\r\nHost: 127.0.0.1:443\r\nProxy-Authorization: Basic dTpw\r\n\r\n";
+            EXPECT_EQ(proxy.requests(),
+                      kind == kCloses ? std::vector<std::string>{} : std::vector<std::string>{connect});
             channel.close();
-            requests = proxy.requests();
         }
-        const std::string connect =
-            "CONNECT 127.0.0.1:443 HTTP/1.1\r\nHost: 127.0.0.1:443\r\nProxy-Authorization: Basic dTpw\r\n\r\n";
-        EXPECT_EQ(requests, kind == kCloses ? std::vector<std::string>{} : std::vector<std::string>{connect});
         EXPECT_EQ(openDescriptorCount(), descriptors);
     }
     EXPECT_EQ(loggedCount("VRAXSecureWebChannel::connectSSL:"), 0) << log.text();
