@@ -80,26 +80,23 @@ TEST_F(Post, AnswersAreReadWholeToTheCloseOrTheTimeOutAndBadOnesFailWithTheirCod
 }
 
 TEST_F(Post, RedirectsKeepingTheMethodArePostedAgainWhileFoundAndSeeOtherFail) {
+    const std::string answer = httpResponse(201, "created");
+    const std::string again = "POST /new HTTP/1.1\r\nContent-Length: 9\r\nHost: ";
     for (int code : {301, 307, 308, 302, 303}) {
         SCOPED_TRACE(code);
         const bool follows = code != 302 && code != 303;
-        const std::string answer = httpResponse(201, "created");
         ScriptServer destination(serveEach([&](const std::string&) { return answer; }, 1));
-        ScriptServer origin([&](ServerConnection& c) {
-            for (int i = 0; i < 3; ++i) {
-                const std::string path = requestPath(c.readRequest());
-                if (path.empty() || path == "/new") return (void)c.send(answer);
-                c.send(httpResponse(code, "", "Location: " + (path == "/old" ? destination.url("/new") : "/new")));
-            }
-        });
+        auto redirect = [&](const std::string& request) {  // from /old to the destination, from /rel to /new here
+            const std::string path = requestPath(request), to = path == "/old" ? destination.url("/new") : "/new";
+            return path == "/new" ? answer : httpResponse(code, "", "Location: " + to);
+        };
+        ScriptServer origin(serveEach(redirect, 1));
         EXPECT_EQ(post(origin.url("/old"), "same body", "X-Form: 7\r\n"), follows ? kOk : kBadStatus);
         EXPECT_EQ(destination.connections(), follows ? 1 : 0);
         if (!follows) continue;
         EXPECT_EQ(channel.m_response, answer);
-        const std::string again = "POST /new HTTP/1.1\r\nContent-Length: 9\r\nHost: ";
         EXPECT_EQ(destination.requests(),
                   std::vector<std::string>{again + hostOf(destination) + "\r\nX-Form: 7\r\n\r\nsame body"});
-        // A relative location goes to the same server.
         ASSERT_EQ(post(origin.url("/rel"), "same body"), kOk);
         EXPECT_EQ(origin.requests().back(), again + hostOf(origin) + "\r\n\r\nsame body");
     }
