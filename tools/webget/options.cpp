@@ -140,9 +140,17 @@ void printHelp(FILE* out) {
     }
     fprintf(out,
             "\n"
-            "Exit status: 0 success; 1 a transfer failed or a file did not verify (the result\n"
-            "code, its meaning and the file are printed); 2 bad command line or manifest;\n"
-            "3 library not loadable; 130 cancelled by Ctrl-C or SIGTERM.\n");
+            "Each failure is one line on standard error with the library's result code and its\n"
+            "cause, e.g. 'webget: error -3052: http://host/f.bin: HTTP 404 Not Found' or\n"
+            "'webget: error -3022: 127.0.0.1:1: connection refused (size probe failed)'.\n"
+            "\n"
+            "Exit status:\n"
+            "  0    success: every file downloaded and verified (or already up to date), or\n"
+            "       the single GET or POST done\n"
+            "  1    some job failed: a transfer, a refused job, or a file that did not verify\n"
+            "  2    usage or set-up error: command line, manifest, target directory, library not\n"
+            "       loadable, channel not usable\n"
+            "  130  interrupted by Ctrl-C or SIGTERM\n");
 }
 
 bool readWholeFile(const std::string& path, std::string& content) {
