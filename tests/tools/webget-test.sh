@@ -57,7 +57,7 @@ check "a failure names code, words and file" 1 -3061 'size or digest mismatch' b
 
 check "single GET to stdout" 0 '^hello$' -- -O - "$http/five.bin"
 check "single GET to a file over HTTPS" 0 -- -o whole.bin "$https/m1.bin" && same whole.bin "$WWW/m1.bin"
-# nginx keeps the connection open: the answer ends with the 1 s time-out.
+# A header of the user's own goes along with webget's own "Connection: close".
 check "--post prints the answer" 0 '^posted$' -- -T 1 --post 'name=value' -H 'X-Test: 1' "$http/post"
 
 check "bad option value" 2 'worker count' -- -j 0 "$http/five.bin"
@@ -87,4 +87,7 @@ cause "probe: scheme" "-3000: ftp://.+: unsupported scheme \(http and https only
 cause "target not creatable" "-3054: blocker/five.bin: cannot create: Not a directory" -i blocked.txt
 cause "batch job" "-3052: $http/nope.bin: HTTP 404 Not Found" -i missing.txt -d failing
 cause "single GET" "-3052: $http/nope.bin: HTTP 404 Not Found" -o got.bin "$http/nope.bin"
+# --post asks the keep-alive server to close after its answer: it returns long before the 30 s time-out.
+if timeout 10 "$webget" -T 30 --post 'name=value' "$http/post" >out.txt 2>err.txt </dev/null && grep -qx posted out.txt
+then echo "ok   --post returns when the answer is complete"; else fail "--post did not return with the answer"; fi
 ((failures == 0)) && echo "all checks passed"
