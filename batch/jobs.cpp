@@ -1,4 +1,5 @@
 // The job and worker records, and the host's job list.
+#include <cerrno>
 #include <cstring>
 
 #include "channel/atomics.h"
@@ -48,6 +49,11 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
         if (logging()) log("VRAXSecureWebChannel::addJob: calculated size is %lld", size);
         if (size < 0) {
             atomicStore(m_responseLength, 0LL);
+            if (hasParam(kParamErrorDetail)) {
+                // The job is refused as always; the error state tells why.
+                if (result == kOk) noteFailure(kInvalidArgument, "no size in the answer (no Content-Length)");
+                setDetailedError(result == kOk ? kInvalidArgument : result, url);
+            }
             return kInvalidArgument;
         }
     }
@@ -81,7 +87,14 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
 
     // Every new job starts from an empty target.
     FILE* target = fopen(file, "w");
-    if (target == nullptr) return kFileWrite;
+    if (target == nullptr) {
+        const int error = errno;
+        if (hasParam(kParamErrorDetail)) {
+            noteFailure(kFileWrite, systemText(error));
+            setDetailedError(kFileWrite, file);
+        }
+        return kFileWrite;
+    }
     fclose(target);
     if (logging()) log("VRAXSecureWebChannel::addJob: finished");
     return kOk;

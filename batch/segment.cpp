@@ -68,6 +68,12 @@ FILE* openShared(const std::string& path) {
     return file;
 }
 
+// A target that could not be written, with the system's words for why.
+int fileFailure() {
+    webChannel::noteFailure(kFileWrite, webChannel::systemText(errno));
+    return kFileWrite;
+}
+
 // Opens the target of a single GET: it ends up holding exactly the body.
 FILE* openFresh(const std::string& path) {
     return fopen(path.c_str(), "wb+");
@@ -158,6 +164,9 @@ Stop beginAttempt(Attempt& a) {
                             a.url.c_str(), a.target);
         a.attempts = -a.attempts;  // a redirect's count becomes a plain count again
     }
+    // This attempt's failure is noted afresh: one that an earlier attempt
+    // left behind is no reason for this one.
+    webChannel::forgetFailure();
     if (a.attempts >= kMaxAttempts) return kTooManyAttempts;
     if (a.channel.isCancelled()) return kCancelled;
     return std::nullopt;
@@ -254,7 +263,14 @@ Stop readResponseHead(Attempt& a, ConnectionLease& lease) {
     // the buffer) is unusable: none of it may be taken for a size or reach a
     // target.
     a.bodyStart = findHeadEnd(headText);
-    if (a.bodyStart == 0 && a.mode >= 0) return a.received >= kMaxRead ? kBadStatus : kReadFailed;
+    if (a.bodyStart == 0 && a.mode >= 0) {
+        if (a.received >= kMaxRead) {
+            webChannel::noteFailure(kBadStatus, "response head too large");
+            return kBadStatus;
+        }
+        webChannel::noteFailure(kReadFailed, "connection closed within the response head");
+        return kReadFailed;
+    }
     return std::nullopt;
 }
 
@@ -263,6 +279,7 @@ Stop readResponseHead(Attempt& a, ConnectionLease& lease) {
 Stop judgeStatus(Attempt& a, ConnectionLease& lease) {
     if (a.mode < 0 || a.code < 200 || a.code >= 400) {
         lease.keepIf(a.leftOnWire() == 0);
+        webChannel::noteRejectedHead(std::string_view(a.buffer, strnlen(a.buffer, (size_t)a.received)), a.mode);
         return kBadStatus;
     }
     if (isRedirectStatus(a.code)) {
@@ -307,10 +324,11 @@ Stop planBody(Attempt& a, Body& body) {
 Stop openTarget(Attempt& a, Body& body, TargetFile& out) {
     out.reset(a.job != nullptr ? openShared(a.file) : openFresh(a.file));
     if (out.get() == nullptr) {
+        int failed = fileFailure();
         if (webChannel::logging())
             webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): failed to open target: %d", a.thread,
                             a.target, atomicLoad(a.channel.m_errorCode));
-        return kFileWrite;
+        return failed;
     }
     // Body blocks are large already: they go to the file in one write each,
     // without a copy through a stdio buffer.
@@ -324,7 +342,7 @@ Stop openTarget(Attempt& a, Body& body, TargetFile& out) {
             a.job->start = 0;
         }
     }
-    if (body.position > 0 && fseeko(out.get(), body.position, SEEK_SET) != 0) return kFileWrite;
+    if (body.position > 0 && fseeko(out.get(), body.position, SEEK_SET) != 0) return fileFailure();
     body.sink = a.job != nullptr ? a.job : &body.scratch;
     body.downloadedBefore = atomicLoad(body.sink->downloaded);
     return std::nullopt;
@@ -365,6 +383,7 @@ void report(Attempt& a, Body& body) {
 // asks to stop or the batch is cancelled.
 void streamBody(Attempt& a, Body& body, FILE* out) {
     body.dumped = deliver(a, body, out, a.bodyStart, a.received);
+    if (body.dumped == kFileWrite) fileFailure();
     report(a, body);
     body.lastRead = a.received;
     while (body.dumped == kOk && body.wantsMore() && body.lastReport >= 0 && !a.channel.isCancelled()) {
@@ -380,6 +399,7 @@ void streamBody(Attempt& a, Body& body, FILE* out) {
         }
         body.lastRead = got;
         body.dumped = deliver(a, body, out, 0, body.offset + got);
+        if (body.dumped == kFileWrite) fileFailure();
         report(a, body);
     }
     // A body delimited by the server closing ends with that close.
@@ -430,6 +450,7 @@ int incomplete(Attempt& a, Body& body, ConnectionLease& lease, long long written
     if (webChannel::logging())
         webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): isError: %d handled: %d", a.thread,
                         a.target, cancelled, (int)body.lastReport);
+    if (body.closedByPeer) webChannel::noteFailure(kReadFailed, "connection closed before the body was complete");
     return cancelled || body.lastReport < 0 ? kCancelled : kReadFailed;
 }
 
@@ -439,9 +460,13 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
                         int& attempts) {
     Attempt a(*this, conn, url, file, job, record, attempts);
     if (Stop stop = beginAttempt(a)) return *stop;
+    if (refusesScheme(url)) return kInvalidArgument;
     std::string host, port, path;
     bool https = false;
-    if (!parseURL(url, nullptr, host, port, path, &https)) return kInvalidArgument;
+    if (!parseURL(url, nullptr, host, port, path, &https)) {
+        noteFailure(kInvalidArgument, "not a URL (http://HOST[:PORT]/PATH)");
+        return kInvalidArgument;
+    }
     if (Stop stop = takeConnection(a)) return *stop;
 
     ConnectionLease lease(*this, conn, record);
@@ -457,7 +482,7 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
     TargetFile out;
     if (Stop stop = openTarget(a, body, out)) return *stop;
     streamBody(a, body, out.get());
-    if (!out.close() && body.dumped == kOk) body.dumped = kFileWrite;  // buffered bytes that could not be written
+    if (!out.close() && body.dumped == kOk) body.dumped = fileFailure();  // buffered bytes that could not be written
     const long long written = body.writtenHere();
     if (job != nullptr) job->start += written;
     if (body.dumped == kOk && body.remaining == 0) return complete(a, body, lease, written);

@@ -23,7 +23,8 @@ webChannel::webChannel()
       m_threadNum(0),
       m_incomplete(nullptr),
       m_verifiedStale(true),
-      m_batchRunning(false) {
+      m_batchRunning(false),
+      m_errorMessageWhole(false) {
     pthread_mutex_init(&m_lock1, nullptr);
     pthread_mutex_init(&m_lock2, nullptr);
     pthread_mutex_init(&m_lock3, nullptr);

@@ -183,9 +183,26 @@ public:
     void recordFailure(int code, const std::string& file);
     // Sets the error state of a single request (0 clears it).
     void setError(int code);
+    // Sets the error state of a failure outside a batch with its context
+    // (the size probe's URL, addJob's target); only with error detail on.
+    void setDetailedError(int code, const std::string& context);
     // Clears the error state at the start of an operation.
     void clearError();
     static std::string errorText(int code, const std::string& file);
+    // Why an operation is about to fail with `code`, noted on the failing
+    // thread by the layer that knows (connect, TLS, the head check, the
+    // target file) and taken up when the failure reaches the error state.
+    // `detail` is the code the error state reports when it says more than
+    // the result does (a head that did not parse is returned as -3052 and
+    // reported as -3002); 0 means `code` itself.
+    static void noteFailure(int code, std::string reason, int detail = 0);
+    // Drops this thread's note, at the start of an operation or attempt.
+    static void forgetFailure();
+    // The system's words for an errno value.
+    static std::string systemText(int error);
+    // Text from a peer made fit for a message: at most `limit` characters,
+    // control and non-ASCII bytes shown as '?'.
+    static std::string printable(std::string_view text, size_t limit);
 
     // ---- channel/: progress (progress.cpp) ----
     long long handleProgress(long long lastReported, long long done, long long total, int mode);
@@ -198,6 +215,9 @@ public:
     bool parseURL(std::string url, unsigned long* address, std::string& host, std::string& port, std::string& path,
                   bool* https);
     unsigned long resolveAddress(const std::string& host, const std::string& port);
+    // With error detail on, a URL naming a scheme other than http and https
+    // is refused (noted) rather than fetched over plain HTTP.
+    bool refusesScheme(const std::string& url);
 
     // ---- transport/: proxies (proxy.cpp) ----
     std::string resolveProxy(std::string hostAndPath, bool https);
@@ -246,6 +266,9 @@ public:
     int parseHttpResponseHeader(std::string_view header, int& code, long long& headerLength, long long& contentLength,
                                 connection* conn, ResponseHead* details = nullptr);
     int getHttpResponseBody(std::string response, std::string& body);
+    // Notes why a head was refused (-3052): its status line, or (as the
+    // detailed code) that it did not parse or names an unknown coding.
+    static void noteRejectedHead(std::string_view head, int parsed);
     // Reads until the response head is complete, `capacity` bytes are held or
     // a read fails; terminates the text (buffer needs capacity + 1 bytes).
     // Returns the bytes held, or the first read's result when nothing arrived;
@@ -348,6 +371,9 @@ public:
     // While a batch runs: the state counter of each job of m_httpGetJobs.
     std::vector<const long*> m_jobCounters;
     bool m_batchRunning;  // through atomics.h: workers read it
+    // Under m_errorLock: m_errorMessage is a detailed one (error detail on),
+    // which getErrorCode copies whole.
+    bool m_errorMessageWhole;
 
     static FILE* m_log;
 };

@@ -60,7 +60,9 @@ int readRest(webChannel& channel, ConnectionLease& lease, webChannel::connection
         expected -= more;
         answer.append(buffer, strnlen(buffer, (size_t)more));
     }
-    return expected > 0 ? kReadFailed : kOk;
+    if (expected <= 0) return kOk;
+    webChannel::noteFailure(kReadFailed, "answer shorter than its Content-Length");
+    return kReadFailed;
 }
 
 }  // namespace
@@ -68,6 +70,7 @@ int readRest(webChannel& channel, ConnectionLease& lease, webChannel::connection
 int webChannel::httpPost(connection* conn, const char* url, char* headers, char* body, bool flag) {
     if (url == nullptr || body == nullptr) return kInvalidArgument;
     if (m_buffer == nullptr) return kInvalidArgument;  // init() has not sized the buffers
+    if (refusesScheme(url)) return kInvalidArgument;
     std::string host, port, path;
     bool parsed = parseURL(url, nullptr, host, port, path, nullptr);
     if (!parsed && conn == nullptr) return kInvalidArgument;
@@ -90,6 +93,8 @@ int webChannel::httpPost(connection* conn, const char* url, char* headers, char*
     int parsedHead = parseHttpResponseHeader(head, code, headerLength, contentLength, nullptr);
     if (logging()) log("VRAXSecureWebChannel::httpPost: code %d, size %lld bytes", code, contentLength);
     if (parsedHead != kOk || code < 200 || code > 399) {
+        if (parsedHead == kChunked) noteFailure(kBadStatus, "chunked answer, which a POST does not read");
+        else noteRejectedHead(head, parsedHead);
         m_response = std::string(head);
         if (logging()) log("VRAXSecureWebChannel::httpPost: %s", m_response.c_str());
         return kBadStatus;
@@ -113,7 +118,10 @@ int webChannel::httpPost(connection* conn, const char* url, char* headers, char*
 
 int webChannel::followRedirect(connection* conn, int code, char* headers, char* body) {
     static thread_local int depth = 0;
-    if (code != 301 && code != 307 && code != 308) return kBadStatus;
+    if (code != 301 && code != 307 && code != 308) {
+        noteFailure(kBadStatus, "HTTP " + std::to_string(code) + " redirect, which a POST does not follow");
+        return kBadStatus;
+    }
     if (depth >= kMaxPostRedirects) return kTooManyAttempts;
     // The parser left the target in m_response (no connection given). A
     // target without scheme and port goes to the same server, on a fresh

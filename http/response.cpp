@@ -1,6 +1,7 @@
 // Response heads: parsing, the in-memory body, and reading a complete head.
 #include "http/response.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 
@@ -131,6 +132,31 @@ long long findHeadEnd(std::string_view text) {
     return 0;
 }
 
+std::string statusSummary(std::string_view text) {
+    Line line = lineAt(text, 0);
+    std::string_view status = line.text;
+    size_t blank = status.find(' ');
+    if (status.substr(0, 5) != "HTTP/" || blank == std::string_view::npos) return std::string();
+    status.remove_prefix(blank);
+    while (!status.empty() && status.front() == ' ') status.remove_prefix(1);
+    return "HTTP " + webChannel::printable(status, 80);
+}
+
+void webChannel::noteRejectedHead(std::string_view head, int parsed) {
+    std::string summary = statusSummary(head);
+    if (parsed == kUnsupportedCoding) {
+        noteFailure(kBadStatus, "unsupported transfer coding", kUnsupportedCoding);
+    } else if (parsed < 0 || summary.empty()) {
+        std::string_view first = lineAt(head, 0).text;
+        noteFailure(kBadStatus,
+                    first.empty() ? std::string("malformed response: no status line")
+                                  : "malformed response: \"" + printable(first, 40) + "\"",
+                    kMalformedResponse);
+    } else {
+        noteFailure(kBadStatus, summary);
+    }
+}
+
 int webChannel::parseHttpResponseHeader(std::string_view header, int& code, long long& headerLength,
                                         long long& contentLength, connection* conn, ResponseHead* details) {
     ResponseHead head;
@@ -174,7 +200,14 @@ int webChannel::readHead(connection* conn, char* buffer, int capacity, int& last
     int total = 0;
     lastRead = read(conn, buffer, capacity, 0, false);
     if (lastRead <= 0) {
+        int error = errno;
         buffer[0] = 0;
+        if (lastRead == -2)
+            noteFailure(kReadFailed, "no answer within " + std::to_string(getProxyTimeout()) + " s");
+        else if (lastRead == -1)
+            noteFailure(kReadFailed, error != 0 ? systemText(error) : "the answer could not be read");
+        else
+            noteFailure(kReadFailed, "connection closed without an answer");
         return lastRead;
     }
     total = lastRead;

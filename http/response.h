@@ -4,6 +4,7 @@
 #ifndef WEBCHANNEL_HTTP_RESPONSE_H
 #define WEBCHANNEL_HTTP_RESPONSE_H
 
+#include <string>
 #include <string_view>
 
 struct ResponseHead {
@@ -30,6 +31,10 @@ void parseResponseHead(std::string_view text, bool captureCookies, ResponseHead&
 constexpr bool isRedirectStatus(int code) {
     return code == 301 || code == 302 || code == 303 || code == 307 || code == 308;
 }
+
+// The status line in a message's words: "HTTP 404 Not Found" for
+// "HTTP/1.1 404 Not Found"; "" when the text does not start with a status line.
+std::string statusSummary(std::string_view text);
 
 // Offset just past the empty line that ends the head, or 0 when the text
 // holds no empty line yet. Lines end at "\n"; trailing " \r\t" do not count.

@@ -134,6 +134,7 @@ Stop readAnswer(webChannel& channel, ConnectionLease& lease, webChannel::connect
 int webChannel::httpGetResponse(connection*& conn, std::string url, int& attempts) {
     if (attempts >= kMaxMemoryAttempts) return kTooManyAttempts;
     if (isCancelled()) return kCancelled;
+    if (refusesScheme(url)) return kInvalidArgument;
     std::string host, port, path;
     bool parsed = parseURL(url, nullptr, host, port, path, nullptr);
     if (!parsed && conn == nullptr) return kInvalidArgument;
@@ -160,7 +161,10 @@ int webChannel::httpGetResponse(connection*& conn, std::string url, int& attempt
     // sends would be taken for the next response, so such a connection goes.
     lease.keepIf(parsedHead == kOk && head.contentLengthSeen && head.headerLength > 0 && head.contentLength >= 0 &&
                  head.contentLength == received - head.headerLength);
-    if (parsedHead < 0 || code < 200 || code > 399) return kBadStatus;
+    if (parsedHead < 0 || code < 200 || code > 399) {
+        noteRejectedHead(buffer, parsedHead);
+        return kBadStatus;
+    }
     if (code < 300) {
         getHttpResponseBody(buffer, m_response);
         return kOk;
@@ -170,5 +174,6 @@ int webChannel::httpGetResponse(connection*& conn, std::string url, int& attempt
         attempts = redirectedAttempts(attempts);
         return kRepeat;
     }
+    noteRejectedHead(buffer, parsedHead);
     return kBadStatus;
 }

@@ -17,6 +17,7 @@ unsigned long webChannel::resolveAddress(const std::string& host, const std::str
     auto cached = m_hostAddresses.find(key);
     if (cached != m_hostAddresses.end()) {
         address = cached->second;
+        if (address == 0) noteFailure(kProxyUnusable, "no IPv4 address");
         if (logging())
             log("VRAXSecureWebChannel::parseURL: cached IP address of %s:%s is %x", host.c_str(), port.c_str(),
                 (unsigned)address);
@@ -27,8 +28,10 @@ unsigned long webChannel::resolveAddress(const std::string& host, const std::str
     int result = getaddrinfo(host.c_str(), nullptr, nullptr, &list);
     if (result != 0) {
         // A failed lookup is not cached: the next call tries again.
+        int error = errno;
         if (logging())
-            log("VRAXSecureWebChannel::parseURL: failed with return code %d, errno %d", result, errno);
+            log("VRAXSecureWebChannel::parseURL: failed with return code %d, errno %d", result, error);
+        noteFailure(kProxyUnusable, result == EAI_SYSTEM ? systemText(error) : gai_strerror(result));
         pthread_mutex_unlock(&m_lock1);
         return 0;
     }
@@ -41,6 +44,7 @@ unsigned long webChannel::resolveAddress(const std::string& host, const std::str
     freeaddrinfo(list);
     // A host without an IPv4 address is cached as 0 for good.
     m_hostAddresses[key] = address;
+    if (address == 0) noteFailure(kProxyUnusable, "no IPv4 address");
     if (logging())
         log("VRAXSecureWebChannel::parseURL: IP address of %s:%s is %x", host.c_str(), port.c_str(), (unsigned)address);
     pthread_mutex_unlock(&m_lock1);

@@ -53,26 +53,35 @@ int createSocket(webChannel::connection* conn, int timeout) {
     return kOk;
 }
 
+// A failed connect, with the system's words for why.
+int connectFailed(int error) {
+    webChannel::noteFailure(kConnectFailed, webChannel::systemText(error));
+    return kConnectFailed;
+}
+
 // Connects without blocking longer than `timeout` seconds.
 int connectWithin(webChannel::connection* conn, int timeout) {
     errno = 0;
     if (::connect(conn->socket, reinterpret_cast<sockaddr*>(&conn->serverAddress), sizeof(conn->serverAddress)) == 0)
         return kOk;
     if (webChannel::isSocketError()) {
-        if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::initSocket: connection error %d", errno);
-        return kConnectFailed;
+        int error = errno;
+        if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::initSocket: connection error %d", error);
+        return connectFailed(error);
     }
     if (errno != EINPROGRESS) return kOk;
-    if (waitDescriptor(conn->socket, POLLOUT, timeout) < 1) {
+    int ready = waitDescriptor(conn->socket, POLLOUT, timeout);
+    if (ready < 1) {
+        int error = ready == 0 ? ETIMEDOUT : errno;
         if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::initSocket: connection timeout");
-        return kConnectFailed;
+        return connectFailed(error);
     }
     int error = 0;
     socklen_t length = sizeof(error);
     getsockopt(conn->socket, SOL_SOCKET, SO_ERROR, &error, &length);
     if (error != 0) {
         if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::initSocket: async connection error %d", error);
-        return kConnectFailed;
+        return connectFailed(error);
     }
     if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::initSocket: async connection is established");
     return kOk;
@@ -120,7 +129,7 @@ int chooseRoute(webChannel& channel, webChannel::connection* conn, Route& route)
         // configured, but that proxy is not in use: never connect to 0.0.0.0.
         std::string host, port, path;
         channel.parseURL(conn->host + ":" + conn->port, &conn->address, host, port, path, nullptr);
-        if (conn->address == 0) return kProxyUnusable;
+        if (conn->address == 0) return kProxyUnusable;  // the resolver noted why
     }
     if (!route.viaProxy()) route.port = conn->port;
     // A port text that is no port ("", "abc", "65616") must not turn into
@@ -128,6 +137,7 @@ int chooseRoute(webChannel& channel, webChannel::connection* conn, Route& route)
     const long portNumber = atol(route.port.c_str());
     if (portNumber < 1 || portNumber > kMaxPort) {
         if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::initSocket: connection error %d", EINVAL);
+        webChannel::noteFailure(kConnectFailed, "no usable port in \"" + webChannel::printable(route.port, 16) + "\"");
         return kConnectFailed;
     }
     conn->serverAddress.sin_family = AF_INET;
@@ -159,7 +169,10 @@ int webChannel::initSocket(connection* conn, threadData* worker) {
         log("VRAXSecureWebChannel::initSocket: socket %d(%x) is connected to %s:%d", conn->socket,
             (unsigned)(uintptr_t)conn, route.viaProxy() ? route.host.c_str() : conn->host.c_str(),
             atoi(route.port.c_str()));
-    if ((result = makeWaiters(conn)) != kOk) return result;
+    if ((result = makeWaiters(conn)) != kOk) {
+        noteFailure(result, systemText(errno));
+        return result;
+    }
     if (route.viaProxy() && conn->https) return openTunnel(conn);
     return kOk;
 }

@@ -40,6 +40,7 @@ webChannel::connection* webChannel::open(std::string url, threadData* worker, bo
     bool https = false;
     parseURL(url, nullptr, host, port, path, credentials, &https);
     if (host.empty()) {
+        noteFailure(kInvalidArgument, "no host in the URL");
         if (result != nullptr) *result = kInvalidArgument;
         return nullptr;
     }

@@ -79,11 +79,35 @@ bool isIpLiteral(const std::string& host) {
     return !host.empty() && host.find_first_not_of("0123456789.") == std::string::npos;
 }
 
+// OpenSSL's words for the last error it recorded on this thread, or "".
+std::string openSslText() {
+    unsigned long code = ERR_peek_last_error();
+    if (code == 0) return std::string();
+    if (const char* reason = ERR_reason_error_string(code)) return reason;
+    char text[256];
+    ERR_error_string_n(code, text, sizeof(text));
+    return text;
+}
+
+// Why a handshake did not complete: OpenSSL's words when it has some, else
+// what the socket said.
+std::string handshakeFailure(int error, int systemError) {
+    std::string text = openSslText();
+    if (!text.empty()) return text;
+    if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) return "handshake timed out";
+    if (error == SSL_ERROR_SYSCALL && systemError != 0) return webChannel::systemText(systemError);
+    return "connection closed during the handshake";
+}
+
 }  // namespace
 
 int webChannel::connectSSL(connection* conn) {
     conn->ssl = SSL_new(m_sslContext);
-    if (conn->ssl == nullptr) return kTlsSetup;
+    if (conn->ssl == nullptr) {
+        std::string text = openSslText();
+        noteFailure(kTlsSetup, text.empty() ? "no TLS session could be made" : text);
+        return kTlsSetup;
+    }
     SSL_set_connect_state(conn->ssl);
     SSL_set_fd(conn->ssl, conn->socket);
     X509_VERIFY_PARAM_set1_host(SSL_get0_param(conn->ssl), conn->host.c_str(), 0);
@@ -97,9 +121,11 @@ int webChannel::connectSSL(connection* conn) {
     const time_t deadline = time(nullptr) + timeout;
     int result;
     int error;
+    int systemError;
     for (;;) {
         ERR_clear_error();
         result = SSL_connect(conn->ssl);
+        systemError = errno;
         error = SSL_get_error(conn->ssl, result);
         if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) break;
         time_t now = time(nullptr);
@@ -116,5 +142,9 @@ int webChannel::connectSSL(connection* conn) {
         else
             log("VRAXSecureWebChannel::connectSSL: handshake result %d, error code %d", result, error);
     }
-    return result == 1 ? kOk : kTlsHandshake;
+    if (result == 1) return kOk;
+    // A system error counts only when the handshake ended in one (result -1);
+    // at an end of file errno holds nothing of this handshake.
+    noteFailure(kTlsHandshake, handshakeFailure(error, result < 0 ? systemError : 0));
+    return kTlsHandshake;
 }

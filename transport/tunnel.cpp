@@ -6,6 +6,16 @@
 #include <cstring>
 
 #include "channel/webChannel.h"
+#include "http/response.h"
+
+namespace {
+
+int proxyClosed() {
+    webChannel::noteFailure(kPeerClosed, "the proxy closed the connection");
+    return kPeerClosed;
+}
+
+}  // namespace
 
 int webChannel::openTunnel(connection* conn) {
     // The channel's parameters go along, so the proxy gets its Basic
@@ -16,7 +26,7 @@ int webChannel::openTunnel(connection* conn) {
     httpRequest request("CONNECT", target, target, nullptr, &params);
     std::string text = request.str();
     ssize_t sent = ::send(conn->socket, text.data(), text.size(), MSG_NOSIGNAL);
-    if (sent == 0 || (sent == -1 && isReset())) return kPeerClosed;
+    if (sent == 0 || (sent == -1 && isReset())) return proxyClosed();
     if (sent < (ssize_t)text.size()) return kTunnelSendShort;
 
     // One bounded read: a longer answer leaves its rest in the socket, where
@@ -24,7 +34,7 @@ int webChannel::openTunnel(connection* conn) {
     char answer[64];
     memset(answer, 0, sizeof(answer));
     ssize_t received = ::recv(conn->socket, answer, sizeof(answer) - 1, 0);
-    if (received == 0 || (received == -1 && isReset())) return kPeerClosed;
+    if (received == 0 || (received == -1 && isReset())) return proxyClosed();
     return checkTunnelReply(answer, conn);
 }
 
@@ -34,7 +44,12 @@ int webChannel::checkTunnelReply(const char* answer, connection* conn) {
     int result = parseHttpResponseHeader(std::string_view(answer, strlen(answer)), code, headerLength, contentLength,
                                          conn);
     if (logging()) log("%s", answer);
-    if (result < 0 || code < 200 || code > 299) return kTunnelRefused;
+    if (result < 0 || code < 200 || code > 299) {
+        std::string status = statusSummary(answer);
+        noteFailure(kTunnelRefused,
+                    status.empty() ? std::string("proxy answer not understood") : "proxy answered " + status);
+        return kTunnelRefused;
+    }
     if (logging())
         log("VRAXSecureWebChannel::initSocket: %x is connected to %s:%s", (unsigned)(uintptr_t)conn, conn->host.c_str(),
             conn->port.c_str());

@@ -1,6 +1,8 @@
 // URL splitting and the two parseURL forms.
 #include "transport/url.h"
 
+#include <cctype>
+
 #include "channel/webChannel.h"
 
 bool splitUrl(std::string_view url, UrlParts& parts) {
@@ -59,4 +61,15 @@ bool webChannel::parseURL(std::string url, unsigned long* address, std::string& 
                           std::string& path, bool* https) {
     std::string credentials;
     return parseURL(std::move(url), address, host, port, path, credentials, https);
+}
+
+bool webChannel::refusesScheme(const std::string& url) {
+    // Without a scheme the URL counts as http, as it always has.
+    size_t separator = url.find("://");
+    if (separator == std::string::npos || !hasParam(kParamErrorDetail)) return false;
+    std::string scheme = url.substr(0, separator);
+    for (char& c : scheme) c = (char)tolower((unsigned char)c);
+    if (scheme == "http" || scheme == "https") return false;
+    noteFailure(kInvalidArgument, "unsupported scheme (http and https only)");
+    return true;
 }

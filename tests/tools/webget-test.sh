@@ -57,12 +57,37 @@ check "a failure names code, words and file" 1 -3061 'size or digest mismatch' b
 
 check "single GET to stdout" 0 '^hello$' -- -O - "$http/five.bin"
 check "single GET to a file over HTTPS" 0 -- -o whole.bin "$https/m1.bin" && same whole.bin "$WWW/m1.bin"
-# nginx keeps the connection open: the answer ends with the 1 s time-out.
+# A header of the user's own goes along with webget's own "Connection: close".
 check "--post prints the answer" 0 '^posted$' -- -T 1 --post 'name=value' -H 'X-Test: 1' "$http/post"
 
 check "bad option value" 2 'worker count' -- -j 0 "$http/five.bin"
 check "unknown option" 2 -- --no-such-option
 echo "only-one-field" >broken.txt
 check "bad manifest line" 2 'broken.txt:1' -- -i broken.txt
-check "missing library" 3 'cannot load the library' -- --library "$work/nowhere/libwebchannel.so" -O - "$http/five.bin"
+check "missing library" 2 'cannot load the library' -- --library "$work/nowhere/libwebchannel.so" -O - "$http/five.bin"
+
+# Each failure is one line naming its cause; "size probe failed" only where the probe failed, and no
+# "invalid argument" for what the user gave right. The host name asks no name server (empty label).
+cause() {  # NAME REGEX ARGS...
+  local name=$1 regex=$2 && shift 2
+  check "$name" 1 "^webget: error $regex\$" -- -T 2 "$@" || return
+  grep -q 'invalid argument' err.txt && fail "$name: says invalid argument"
+  [[ $(grep -c '^webget: error' err.txt) == 1 ]] || fail "$name: not one error line"
+}
+echo "in the way" >blocker && echo "$http/five.bin blocker/five.bin 5" >blocked.txt
+echo "$http/nope.bin missing.bin 5" >missing.txt
+cause "probe: status" "-3052: $http/nope.bin: HTTP 404 Not Found \(size probe failed\)" -d failing "$http/nope.bin"
+cause "probe: refused" "-3022: 127.0.0.1:1: connection refused \(size probe failed\)" -d failing http://127.0.0.1:1/x
+cause "probe: no host" "-3011: no-such-host..invalid: host not found: .+ \(size probe failed\)" -d failing \
+  http://no-such-host..invalid/x
+cause "probe: TLS" "-3033: 127.0.0.1:$HTTP_PORT: TLS handshake failed: .+ \(size probe failed\)" -d failing \
+  "https://127.0.0.1:$HTTP_PORT/five.bin"
+cause "probe: scheme" "-3000: ftp://.+: unsupported scheme \(http and https only\) \(size probe failed\)" \
+  -d failing "ftp://127.0.0.1:$HTTP_PORT/five.bin"
+cause "target not creatable" "-3054: blocker/five.bin: cannot create: Not a directory" -i blocked.txt
+cause "batch job" "-3052: $http/nope.bin: HTTP 404 Not Found" -i missing.txt -d failing
+cause "single GET" "-3052: $http/nope.bin: HTTP 404 Not Found" -o got.bin "$http/nope.bin"
+# --post asks the keep-alive server to close after its answer: it returns long before the 30 s time-out.
+if timeout 10 "$webget" -T 30 --post 'name=value' "$http/post" >out.txt 2>err.txt </dev/null && grep -qx posted out.txt
+then echo "ok   --post returns when the answer is complete"; else fail "--post did not return with the answer"; fi
 ((failures == 0)) && echo "all checks passed"

@@ -13,8 +13,6 @@ namespace {
 
 // Jobs named one by one when a batch leaves files undone; the rest are counted.
 constexpr int kListedUndone = 10;
-// Room for the library's words on the batch's error.
-constexpr size_t kErrorText = 512;
 
 // Names the jobs that were not completed without being blamed, the first
 // few of them: a batch that could not reach its server would list them all.
@@ -66,11 +64,16 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
         }
         if (result < 0) {
             // Policy: a refused job is reported and the batch goes on with
-            // the others; the exit status still says it failed.
+            // the others; the exit status still says it failed. A job that
+            // needed the size probe and is refused as an invalid argument
+            // was refused because the probe failed; the library then holds
+            // the probe's own failure.
             ++state.refused;
-            std::string message = "error " + describe(result) + ": " + job.url + " -> " + job.target;
-            if (job.size == 0 && !options.unknownSize) message += " (size probe failed)";
-            complain("%s", message.c_str());
+            const bool probeFailed = result == wc::kInvalidArgument && job.size == 0 && !options.unknownSize;
+            LibraryError error = lastError(channel, result);
+            complain("error %d: %s%s", error.code,
+                     explainFailure(error.code, error.reason, job.url, job.target, true).c_str(),
+                     probeFailed ? " (size probe failed)" : "");
             continue;
         }
         if (job.size == 0 && !options.unknownSize) {
@@ -87,51 +90,69 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
 }
 
 // Runs the batch and hands the finished files out. Returns the library's
-// code (`libraryText` its words).
-int runJobs(VRAXSecureWebChannel* channel, BatchState& state, std::string& libraryText) {
+// account of the batch's first failure (code 0: none).
+LibraryError runJobs(VRAXSecureWebChannel* channel, BatchState& state) {
     const std::vector<Job>& jobs = *state.jobs;
-    if (jobs.empty() || gInterrupted.load()) return gInterrupted.load() ? wc::kCancelled : wc::kOk;
+    LibraryError error;
+    if (jobs.empty() || gInterrupted.load()) {
+        if (gInterrupted.load()) error.code = wc::kCancelled;
+        return error;
+    }
     channel->setHandler(onProgress, &state);
     int pending = channel->httpMultiGet(true);
     channel->setHandler(nullptr, nullptr);
-    char text[kErrorText] = {0};
-    int code = channel->getErrorCode(text, (int)sizeof text);
-    libraryText = text;
+    error = lastError(channel, wc::kOk);
     std::lock_guard<std::mutex> guard(state.lock);
     if (pending < 0) {
         // The batch did not run at all.
-        code = pending;
+        error.code = pending;
         pending = (int)jobs.size();
     }
     collectFinished(state);
     if (pending == 0) state.shownDone = state.total();
     drawProgress(state, true);
-    return code;
+    return error;
 }
 
-// Says which jobs were not handed out. The job the library named first
-// carries the code; every other job not handed out was stopped with its
-// worker, or never reached.
-void reportFailures(const BatchState& state, const std::vector<int>& failed, int code, const std::string& libraryText) {
-    const std::vector<Job>& jobs = *state.jobs;
-    std::string extra = libraryText.empty() ? std::string() : " [" + libraryText + "]";
-    int named = -1;
-    for (int index : failed)
-        if (state.blamed.count(index) != 0) {
-            named = index;
-            break;
+// The failed job a library message ends with (": TARGET"), or -1; `reason`
+// receives the message without it.
+int jobOfMessage(const std::vector<Job>& jobs, const std::vector<int>& failed, const std::string& message,
+                 std::string& reason) {
+    for (int index : failed) {
+        const std::string tail = ": " + jobs[index].target;
+        if (message.size() > tail.size() && message.compare(message.size() - tail.size(), tail.size(), tail) == 0) {
+            reason = message.substr(0, message.size() - tail.size());
+            return index;
         }
+    }
+    reason = message;
+    return -1;
+}
+
+// Says which jobs were not handed out. The job the library's first failure
+// concerns gets its code and cause; every other job not handed out failed
+// on its own (blamed by the progress reports), was stopped with its worker,
+// or was never reached.
+void reportFailures(const BatchState& state, const std::vector<int>& failed, const LibraryError& error) {
+    const std::vector<Job>& jobs = *state.jobs;
+    std::string reason;
+    int named = jobOfMessage(jobs, failed, error.reason, reason);
+    for (size_t i = 0; named < 0 && i < failed.size(); ++i)
+        if (state.blamed.count(failed[i]) != 0) named = failed[i];
     if (named < 0) {
-        complain("error %s%s; %zu file(s) not completed:", describe(code).c_str(), extra.c_str(), failed.size());
+        complain("error %d: %s; %zu file(s) not completed:", error.code,
+                 reason.empty() ? wc::resultText(error.code) : reason.c_str(), failed.size());
         listNotCompleted(jobs, failed, state.blamed);
         return;
     }
     const Job& job = jobs[named];
-    complain("error %s%s: %s -> %s", describe(code).c_str(), extra.c_str(), job.url.c_str(), job.target.c_str());
+    complain("error %d: %s", error.code, explainFailure(error.code, reason, job.url, job.target).c_str());
     for (int index : failed)
         if (index != named && state.blamed.count(index) != 0)
             complain("failed: %s -> %s", jobs[index].url.c_str(), jobs[index].target.c_str());
-    listNotCompleted(jobs, failed, state.blamed);
+    std::set<int> reported = state.blamed;
+    reported.insert(named);
+    listNotCompleted(jobs, failed, reported);
 }
 
 }  // namespace
@@ -145,7 +166,7 @@ int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<
     state.start = Clock::now();
     if (options.directoryGiven && mkdirs(options.directory) != 0) {
         complain("cannot create the directory %s: %s", options.directory.c_str(), strerror(errno));
-        return kExitFailed;
+        return kExitUsage;
     }
     if (int status = checkDuplicates(wanted); status >= 0) return status;
     std::vector<Job> jobs;
@@ -164,15 +185,17 @@ int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<
     for (const Job& job : jobs) anyWithoutDigest = anyWithoutDigest || job.digest.empty();
     if (anyWithoutDigest && !options.unknownSize) channel->setParam(wc::kParamUnknownSize, "1", true);
 
-    std::string libraryText;
-    int code = runJobs(channel, state, libraryText);
+    LibraryError error = runJobs(channel, state);
     double seconds = std::chrono::duration<double>(Clock::now() - state.start).count();
     std::vector<int> failed;
     for (size_t i = 0; i < jobs.size(); ++i)
         if (!state.handedOut[i]) failed.push_back((int)i);
     if (!failed.empty()) {
-        if (code == wc::kOk) code = gInterrupted.load() ? wc::kCancelled : wc::kInvalidArgument;
-        reportFailures(state, failed, code, libraryText);
+        if (error.code == wc::kOk) {
+            error.code = gInterrupted.load() ? wc::kCancelled : wc::kInvalidArgument;
+            if (!gInterrupted.load()) error.reason = "no cause reported by the library";
+        }
+        reportFailures(state, failed, error);
     }
 
     // Jobs never offered to the library because of an interrupt.

@@ -11,7 +11,9 @@ int runGetToFile(VRAXSecureWebChannel* channel, const Options& options) {
     Clock::time_point start = Clock::now();
     int result = channel->httpGet(url.c_str(), options.output.c_str());
     if (result != wc::kOk) {
-        complain("error %s: %s -> %s", describe(result).c_str(), url.c_str(), options.output.c_str());
+        LibraryError error = lastError(channel, result);
+        complain("error %d: %s", error.code,
+                 explainFailure(error.code, error.reason, url, options.output, true).c_str());
         return kExitFailed;
     }
     if (!options.quiet) {
@@ -31,7 +33,8 @@ int runGetToStdout(VRAXSecureWebChannel* channel, const Options& options) {
     const std::string& url = options.urls[0];
     int result = channel->httpGet(url.c_str());
     if (result != wc::kOk) {
-        complain("error %s: %s", describe(result).c_str(), url.c_str());
+        LibraryError error = lastError(channel, result);
+        complain("error %d: %s", error.code, explainFailure(error.code, error.reason, url, std::string()).c_str());
         return kExitFailed;
     }
     long long announced = 0;

@@ -102,10 +102,12 @@ bool loadLibrary(const Options& options, Library& library) {
 
 int configureChannel(VRAXSecureWebChannel* channel, const Options& options) {
     if (!options.logFile.empty()) channel->setLog(options.logFile.c_str());
+    // Failures then come with the failing layer's own code and its reason.
+    channel->setParam(wc::kParamErrorDetail, "1", true);
     int result = channel->init(options.workers);
     if (result != wc::kOk) {
         complain("the channel could not be initialised: %s", describe(result).c_str());
-        return kExitFailed;
+        return kExitUsage;
     }
     if (options.httpProxyGiven || options.httpsProxyGiven) {
         result = channel->setProxy(options.httpProxyGiven ? options.httpProxy.c_str() : nullptr,

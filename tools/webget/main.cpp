@@ -55,7 +55,7 @@ int main(int argc, char** argv) {
     if (batch && (status = gatherJobs(options, jobs)) >= 0) return status;
 
     Library library;
-    if (!loadLibrary(options, library)) return kExitNoLibrary;
+    if (!loadLibrary(options, library)) return kExitUsage;
 
     // In a batch, signals are taken by the watcher from here on, before the
     // library starts any thread. Single requests keep the default action:
@@ -66,7 +66,7 @@ int main(int argc, char** argv) {
         ChannelHandle handle(library);
         if (handle.channel == nullptr) {
             complain("the library did not create a channel");
-            return kExitFailed;
+            return kExitUsage;
         }
         status = configureChannel(handle.channel, options);
         if (status < 0) {

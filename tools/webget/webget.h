@@ -37,9 +37,8 @@ namespace webget {
 // Exit statuses, documented in --help.
 enum ExitStatus : int {
     kExitOk = 0,
-    kExitFailed = 1,       // a transfer failed or a file did not verify
-    kExitUsage = 2,        // bad command line or manifest
-    kExitNoLibrary = 3,    // the library could not be loaded
+    kExitFailed = 1,       // some job failed: a transfer, or a file did not verify
+    kExitUsage = 2,        // usage or set-up: command line, manifest, library, channel
     kExitInterrupted = 130 // cancelled by Ctrl-C (SIGINT) or SIGTERM
 };
 
@@ -49,6 +48,21 @@ extern const char* gProgram;
 void complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // A result code with its meaning: "-3052 (status not accepted)".
 std::string describe(int code);
+
+// ---- failure.cpp: failures in words ----
+// The library's last failure: with error detail on, the failing layer's own
+// code and its reason (for a batch failure followed by ": " and the target).
+struct LibraryError {
+    int code = 0;
+    std::string reason;
+};
+// `result` stands in for a code the library did not keep.
+LibraryError lastError(VRAXSecureWebChannel* channel, int result);
+// What failed and why, e.g. "127.0.0.1:1: connection refused" or
+// "out/f.bin: cannot create: Permission denied" (`creating`: the target was
+// being created, not written).
+std::string explainFailure(int code, const std::string& reason, const std::string& url, const std::string& target,
+                           bool creating = false);
 
 // ---- options.cpp: the command line ----
 struct Options {
