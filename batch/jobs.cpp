@@ -7,7 +7,8 @@
 #include "util/fs.h"
 #include "util/strings.h"
 
-webChannel::httpGetJob::httpGetJob() : size(0), start(0), end(0), downloaded(0), part(0) {}
+webChannel::httpGetJob::httpGetJob()
+    : size(0), start(0), end(0), downloaded(0), part(0), observer(nullptr), cursor(0) {}
 
 webChannel::httpGetJob::httpGetJob(const std::string& url_) : httpGetJob() {
     url = url_;
@@ -102,6 +103,7 @@ int webChannel::removeJob(const char* url) {
         m_httpGetJobs.erase(m_httpGetJobs.begin() + position);
         // Later jobs moved down by one.
         m_jobIndex.erase(probe.url);
+        dropDigestStream(probe.url);
         for (size_t i = (size_t)position; i < m_httpGetJobs.size(); ++i) m_jobIndex[m_httpGetJobs[i].url] = i;
         ScopedLock lock(m_lock4);
         m_verifiedStale = true;

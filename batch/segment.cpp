@@ -326,6 +326,7 @@ Stop openTarget(Attempt& a, Body& body, TargetFile& out) {
     }
     if (body.position > 0 && fseeko(out.get(), body.position, SEEK_SET) != 0) return kFileWrite;
     body.sink = a.job != nullptr ? a.job : &body.scratch;
+    body.sink->cursor = body.position;
     body.downloadedBefore = atomicLoad(body.sink->downloaded);
     return std::nullopt;
 }

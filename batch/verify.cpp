@@ -1,8 +1,10 @@
 // Verifying finished files by digest or by size.
-#include <cstdio>
-
 #include <openssl/evp.h>
 
+#include <cstdio>
+#include <set>
+
+#include "batch/digest_stream.h"
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
 
@@ -33,12 +35,7 @@ std::string webChannel::checksum(std::string file, std::string algorithm) {
     unsigned int length = 0;
     EVP_DigestFinal_ex(context, value, &length);
     // Any digest OpenSSL knows, SHA-512 included: the text grows as needed.
-    static const char kHex[] = "0123456789abcdef";
-    std::string text(length * 2, '0');
-    for (unsigned int i = 0; i < length; ++i) {
-        text[2 * i] = kHex[value[i] >> 4];
-        text[2 * i + 1] = kHex[value[i] & 15];
-    }
+    std::string text = hexDigest(value, length);
     if (logging()) log("VRAXSecureWebChannel::checksum: file %s has checksum %s", file.c_str(), text.c_str());
     EVP_MD_CTX_destroy(context);
     fclose(input);
@@ -80,7 +77,7 @@ int webChannel::checksumJob(threadData* record, unsigned int j) {
             return kChecksumMismatch;
         }
     } else {
-        std::string digest = checksum(job.file, job.algorithm);
+        std::string digest = fileDigest(job);
         if (digest.size() != job.checksum.size() || digest != job.checksum) {
             // Deliberate: the length is read and not used. Its one effect is the
             // "cannot be opened" line when the target has vanished, which the
@@ -109,4 +106,49 @@ int webChannel::checksumErrJob(threadData* record, unsigned int j) {
     recordFailure(kChecksumMismatch, job.file);
     if (atomicLoad(m_handler) != nullptr) handleProgress(0, length, job.size, record->index);
     return kOk;
+}
+
+std::string webChannel::fileDigest(const httpGetJob& job) {
+    auto stream = m_digestStreams.find(job.url);
+    if (stream == m_digestStreams.end()) return checksum(job.file, job.algorithm);
+    std::string text = stream->second->finish(job.file);
+    if (stream->second->rehashed()) atomicAdd(m_filesRehashed, 1);
+    // The lines hashing the file itself writes.
+    if (logging()) {
+        if (text.empty())
+            log("VRAXSecureWebChannel::checksum: file %s cannot be opened", job.file.c_str());
+        else
+            log("VRAXSecureWebChannel::checksum: file %s has checksum %s", job.file.c_str(), text.c_str());
+    }
+    return text;
+}
+
+void webChannel::attachDigestStreams() {
+    // A file whose pieces already hold bytes but that has no stream yet was
+    // written without one: its stream starts stale and the file is hashed
+    // from disk when it is complete.
+    std::set<std::string> written;
+    for (threadData* record : m_batch)
+        for (const httpGetJob& job : record->jobs)
+            if (atomicLoad(job.downloaded) > 0) written.insert(job.url);
+    for (threadData* record : m_batch) {
+        for (httpGetJob& job : record->jobs) {
+            job.observer = nullptr;
+            if (job.algorithm.empty()) continue;
+            std::unique_ptr<DigestStream>& stream = m_digestStreams[job.url];
+            if (stream == nullptr) {
+                const EVP_MD* digest = EVP_get_digestbyname(job.algorithm.c_str());
+                if (digest == nullptr) {
+                    m_digestStreams.erase(job.url);  // checksum() reports the unknown algorithm
+                    continue;
+                }
+                stream = std::make_unique<DigestStream>(digest, written.count(job.url) != 0);
+            }
+            job.observer = stream.get();
+        }
+    }
+}
+
+void webChannel::dropDigestStream(const std::string& url) {
+    m_digestStreams.erase(url);
 }

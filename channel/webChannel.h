@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -23,6 +24,8 @@
 #include "VRAXSecureWebChannel.h"
 
 struct ResponseHead;
+class BodyObserver;
+class DigestStream;
 
 using namespace wc;
 
@@ -106,6 +109,10 @@ public:
         long long downloaded;  // bytes of the range already written
         int part;              // piece number
         AccessParams params;   // per-job access parameters
+        // While a batch runs: told of the bytes written (the file's digest
+        // stream, or none), and the file offset the next body byte goes to.
+        BodyObserver* observer;
+        long long cursor;
     };
 
     // ---- batch/: one worker thread of a batch (jobs.cpp) ----
@@ -223,6 +230,10 @@ public:
 
     // ---- transport/: connecting, tunnel, TLS (connect.cpp, tunnel.cpp, tls.cpp) ----
     int initSSL();
+    // Loads the system trust store into the context, once, on the first
+    // handshake: parsing the CA bundle is most of what a TLS set-up costs, and
+    // a host that never speaks TLS should not pay it at init.
+    void loadTrustStore();
     static int initSSLVerifyCallback(int preverifyOk, X509_STORE_CTX* store);
     int initSocket(connection* conn, threadData* worker);
     int openTunnel(connection* conn);
@@ -303,6 +314,14 @@ public:
     std::string checksum(std::string file, std::string algorithm);
     long long filesize(std::string file);
     int checksumJob(threadData* record, unsigned int j);
+    // The digest of a finished file: from its stream when it has one (reading
+    // only what was not streamed), else from the file.
+    std::string fileDigest(const httpGetJob& job);
+    // Before the workers start: a digest stream for every pending file with a
+    // digest, handed to its pieces.
+    void attachDigestStreams();
+    // Drops the stream of a file that starts over or is done.
+    void dropDigestStream(const std::string& url);
     int checksumErrJob(threadData* record, unsigned int j);
 
     // ---- members, in declaration order ----
@@ -348,6 +367,12 @@ public:
     // While a batch runs: the state counter of each job of m_httpGetJobs.
     std::vector<const long*> m_jobCounters;
     bool m_batchRunning;  // through atomics.h: workers read it
+    // Digest streams of the pending files with a digest, by URL. Changed only
+    // between batches; workers reach them through their jobs' observers.
+    std::unordered_map<std::string, std::unique_ptr<DigestStream>> m_digestStreams;
+    int m_filesRehashed;  // through atomics.h: files whose digest came from disk after all
+    pthread_mutex_t m_trustLock;  // loading the trust store into m_sslContext
+    bool m_trustLoaded;           // through atomics.h: read before the lock
 
     static FILE* m_log;
 };

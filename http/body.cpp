@@ -90,6 +90,13 @@ private:
     const long long& m_bytes;
 };
 
+// Tells the job's observer of bytes just written at the job's cursor.
+void observe(webChannel::httpGetJob* job, FILE* file, const char* data, size_t size) {
+    if (job == nullptr || size == 0) return;
+    if (job->observer != nullptr) job->observer->written(fileno(file), job->cursor, data, size);
+    job->cursor += (long long)size;
+}
+
 // One chunked dump call: the buffer `buf[0, len)`, the read position `p`,
 // and the caller's carry-over `offset` and decoder state `remaining`.
 struct ChunkedDump {
@@ -99,10 +106,12 @@ struct ChunkedDump {
     long long& offset;
     long long& remaining;
     long long p;
+    webChannel::httpGetJob* job;
     long long written = 0;
 
     bool write(long long from, long long count) {
         size_t done = count > 0 ? fwrite_unlocked(buf + from, 1, (size_t)count, file) : 0;
+        observe(job, file, buf + from, done);
         written += (long long)done;
         return (long long)done == count;
     }
@@ -129,6 +138,7 @@ int dumpPlain(FILE* file, char* buf, long long len, long long& offset, long long
     long long count = len - offset;
     // The target belongs to one worker: no stdio locking is needed.
     size_t written = count > 0 ? fwrite_unlocked(buf + offset, 1, (size_t)count, file) : 0;
+    observe(job, file, buf + offset, written);
     if (job != nullptr) atomicAdd(job->downloaded, (long long)written);
     remaining -= (long long)written;
     offset = 0;
@@ -216,7 +226,7 @@ int webChannel::dump(FILE* file, char* buf, long long len, long long& offset, lo
     // fits the buffer).
     if (len <= 0) return kOk;
     if (remaining < 1) remaining = 1;
-    ChunkedDump d{file, buf, len, offset, remaining, offset};
+    ChunkedDump d{file, buf, len, offset, remaining, offset, job};
     CountOnReturn counted(job, d.written);
     if (remaining >= kInChunk) {
         if (Stop stop = finishLargeChunk(d)) return *stop;
