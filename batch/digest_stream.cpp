@@ -23,6 +23,24 @@ std::string hexDigest(const unsigned char* value, unsigned length) {
     return text;
 }
 
+std::string hashDescriptor(int fd, const EVP_MD* digest, long long from) {
+    EVP_MD_CTX* context = EVP_MD_CTX_create();
+    if (context == nullptr) return std::string();
+    EVP_DigestInit_ex(context, digest, nullptr);
+    char block[kCatchUpBlock];
+    for (ssize_t got; (got = pread(fd, block, sizeof(block), from)) != 0;) {
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) break;
+        EVP_DigestUpdate(context, block, (size_t)got);
+        from += got;
+    }
+    unsigned char value[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    EVP_DigestFinal_ex(context, value, &length);
+    EVP_MD_CTX_destroy(context);
+    return hexDigest(value, length);
+}
+
 DigestStream::DigestStream(const EVP_MD* digest, bool stale)
     : m_context(EVP_MD_CTX_create()), m_digest(digest), m_stale(stale) {
     if (m_context == nullptr || EVP_DigestInit_ex(m_context, digest, nullptr) != 1) m_stale = true;

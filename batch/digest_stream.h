@@ -54,5 +54,8 @@ private:
 
 // Lower-case hex text of a digest value.
 std::string hexDigest(const unsigned char* value, unsigned length);
+// The lower-case hex digest of what `fd` holds from `from` to its end; a read
+// that fails ends it there, as the end of the file would.
+std::string hashDescriptor(int fd, const EVP_MD* digest, long long from = 0);
 
 #endif

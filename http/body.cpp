@@ -109,6 +109,27 @@ struct ChunkedDump {
     webChannel::httpGetJob* job;
     long long written = 0;
 
+    // Whole chunks are gathered into one run at the front of what was read
+    // (their data moved down over the size lines between them) and written
+    // with one call: a body of many small chunks costs a write per read,
+    // not one per chunk. `run` is where the run starts, -1 when empty.
+    long long run = -1;
+    long long runEnd = 0;
+
+    void gather(long long from, long long count) {
+        if (run < 0) {
+            run = runEnd = from;
+        } else if (from != runEnd) {
+            memmove(buf + runEnd, buf + from, (size_t)count);
+        }
+        runEnd += count;
+    }
+    bool flush() {
+        if (run < 0) return true;
+        const long long from = run;
+        run = -1;
+        return write(from, runEnd - from);
+    }
     bool write(long long from, long long count) {
         size_t done = count > 0 ? fwrite_unlocked(buf + from, 1, (size_t)count, file) : 0;
         observe(job, file, buf + from, done);
@@ -118,6 +139,7 @@ struct ChunkedDump {
     // Carries the bytes from `from` to the end to the start of the buffer;
     // the caller appends the next read behind them.
     int carry(long long from) {
+        if (!flush()) return kFileWrite;
         if (from > 0 && from < len) {
             memmove(buf, buf + from, (size_t)(len - from));
             if (webChannel::logging())
@@ -128,7 +150,7 @@ struct ChunkedDump {
     }
     int consumedAll() {
         offset = 0;
-        return kOk;
+        return flush() ? kOk : kFileWrite;
     }
 };
 
@@ -170,7 +192,7 @@ int partialChunk(ChunkedDump& d, long long data, long long size) {
                         (unsigned)(data + size + 2), (unsigned)d.len, d.len, (unsigned)data, (long)size);
     if (size <= kMaxRead - 2 - (data - d.p)) return d.carry(d.p);
     long long take = d.len - data < size ? d.len - data : size;
-    if (!d.write(data, take)) return kFileWrite;
+    if (!d.flush() || !d.write(data, take)) return kFileWrite;
     d.remaining = kInChunk + (size - take);
     if (take < size) return d.consumedAll();
     return d.carry(data + take);  // part of the CR LF
@@ -208,8 +230,10 @@ Stop nextChunk(ChunkedDump& d) {
     long long data = feed + 1;
     long long size = scanned.size;
     if (size > d.len - data - 2) return partialChunk(d, data, size);
-    if (!d.write(data, size)) return kFileWrite;
-    if (d.buf[data + size] != '\r' || d.buf[data + size + 1] != '\n') return kMalformedResponse;
+    // The line end is checked before the data moves: the move may overwrite it.
+    const bool lineEnd = d.buf[data + size] == '\r' && d.buf[data + size + 1] == '\n';
+    d.gather(data, size);
+    if (!lineEnd) return d.flush() ? kMalformedResponse : kFileWrite;
     d.p = data + size + 2;
     if (d.p >= d.len) return d.consumedAll();
     return std::nullopt;
@@ -233,6 +257,10 @@ int webChannel::dump(FILE* file, char* buf, long long len, long long& offset, lo
     }
     if (d.p >= len) return d.consumedAll();
     for (;;) {
-        if (Stop stop = nextChunk(d)) return *stop;
+        if (Stop stop = nextChunk(d)) {
+            // Whatever ended the call, the chunks gathered before it are written.
+            if (!d.flush() && *stop == kOk) return kFileWrite;
+            return *stop;
+        }
     }
 }

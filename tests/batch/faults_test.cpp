@@ -125,12 +125,13 @@ TEST_F(Faults, BrokenConnectionsAreResumedOrRepeatedAfterACountedPauseOrFailOnly
 // Sizes unknown, a whole-file answer cut by a reset starts over from the first byte: the bytes written twice
 // leave the streamed digest behind, and the file is hashed from disk instead, whole and once.
 TEST_F(Faults, AWholeFileAnswerThatStartsOverIsVerifiedFromDisk) {
-    Routes server({{"/w", [](ServerConnection& c, const std::string& request, int attempt) {
+    webChannel channel;
+    Routes server({{"/w", [&](ServerConnection& c, const std::string& request, int attempt) {
                         if (attempt > 0) return serve(c, request, 60, 300000) >= 0;
-                        serve(c, request, 60, 300000, false, 0.5);
+                        const long long sent = serve(c, request, 60, 300000, false, 0.5);
+                        EXPECT_TRUE(eventually([&] { return pieceWritten(channel, "/w", -1) == sent; }));
                         return c.reset(), false;
                     }}});
-    webChannel channel;
     init(channel, 1);
     channel.setParam(kParamUnknownSize, "", true);
     job(channel, server.url("/w"), "/w", 0, digestOf("", "sha256", 60, 300000), "sha256");
