@@ -14,7 +14,7 @@
 #include "util/strings.h"
 
 webChannel::httpGetJob::httpGetJob()
-    : size(0), start(0), end(0), downloaded(0), part(0), observer(nullptr), cursor(0) {}
+    : size(0), start(0), end(0), downloaded(0), part(0), observer(nullptr), cursor(0), chunkedEnd(false) {}
 
 webChannel::httpGetJob::httpGetJob(const std::string& url_) : httpGetJob() {
     url = url_;

@@ -74,6 +74,7 @@ void webChannel::indexBatch() {
     // counters through these pointers instead of searching the map by URL.
     // The map does not change while the workers run, so they stay valid.
     attachDigestStreams();
+    tallyProgress();
     m_jobCounters.clear();
     for (const httpGetJob& job : m_httpGetJobs) m_jobCounters.push_back(&m_downloaded[job.url]);
     for (threadData* record : m_batch) {

@@ -74,6 +74,7 @@ int webChannel::checksumJob(threadData* record, unsigned int j) {
         }
     }
     // Complete and verified: getNextDownloadedFile may hand it out now.
+    settleProgress(record, &job);
     atomicStore(counter->second, kUrlVerified);
     noteVerified(job.url);
     return kOk;

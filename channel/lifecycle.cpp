@@ -26,6 +26,9 @@ webChannel::webChannel()
       m_verifiedStale(true),
       m_batchRunning(false),
       m_filesRehashed(0),
+      m_progressDone(0),
+      m_progressSize(0),
+      m_progressFinished(0),
       m_trustLoaded(false) {
     pthread_mutex_init(&m_lock1, nullptr);
     pthread_mutex_init(&m_lock2, nullptr);

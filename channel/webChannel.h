@@ -109,10 +109,13 @@ public:
         long long downloaded;  // bytes of the range already written
         int part;              // piece number
         AccessParams params;   // per-job access parameters
-        // While a batch runs: told of the bytes written (the file's digest
-        // stream, or none), and the file offset the next body byte goes to.
+        // While a transfer runs: told of the bytes written (the file's
+        // digest stream, or none), the file offset the next body byte goes
+        // to, and whether a chunked body ended exactly where the read that
+        // brought its last chunk ended (so its connection holds nothing more).
         BodyObserver* observer;
         long long cursor;
+        bool chunkedEnd;
     };
 
     // ---- batch/: one worker thread of a batch (jobs.cpp) ----
@@ -131,6 +134,11 @@ public:
         // While a batch runs: the state counter of each job's URL, in the
         // order of `jobs`, for progress reports without map searches.
         std::vector<const long*> counters;
+        // While a batch runs: each job's position in m_httpGetJobs, and the
+        // bytes written and the size of each job already in the running
+        // progress totals.
+        std::vector<size_t> positions;
+        std::vector<std::pair<long long, long long>> accounted;
     };
 
     webChannel();
@@ -198,6 +206,14 @@ public:
     long long handleProgress(long long lastReported, long long done, long long total, int mode);
     // Position in m_httpGetJobs of the job a failed worker was on, or -1.
     int blamedJob(bool indexed);
+    // Running totals, so that a report while a batch runs costs the same
+    // whatever the number of jobs. tallyProgress counts them afresh before
+    // the workers start; a worker brings in what its job wrote (or learnt of
+    // its size) since it last did; settleProgress moves a verified file from
+    // the pending bytes to the finished files.
+    void tallyProgress();
+    void accountProgress(threadData* record, const httpGetJob* job);
+    void settleProgress(threadData* record, const httpGetJob* job);
 
     // ---- transport/: URL parsing and host-address cache (url.cpp, address_cache.cpp) ----
     bool parseURL(std::string url, unsigned long* address, std::string& host, std::string& port, std::string& path,
@@ -370,7 +386,14 @@ public:
     // Digest streams of the pending files with a digest, by URL. Changed only
     // between batches; workers reach them through their jobs' observers.
     std::unordered_map<std::string, std::unique_ptr<DigestStream>> m_digestStreams;
-    int m_filesRehashed;  // through atomics.h: files whose digest came from disk after all
+    int m_filesRehashed;
+    // The running progress totals (through atomics.h): bytes written and size
+    // of the pending pieces, finished files; and per job of the list what its
+    // pending pieces add to the first two.
+    long long m_progressDone;
+    long long m_progressSize;
+    int m_progressFinished;
+    std::vector<std::pair<long long, long long>> m_progressTallies;  // through atomics.h: files whose digest came from disk after all
     pthread_mutex_t m_trustLock;  // loading the trust store into m_sslContext
     bool m_trustLoaded;           // through atomics.h: read before the lock
 

@@ -68,6 +68,20 @@ ChunkSize scanChunkSize(const char* text, size_t length) {
     return result;
 }
 
+size_t chunkedTailEnd(const char* text, size_t length) {
+    bool first = true;  // the size line itself
+    for (size_t line = 0; line < length;) {
+        const char* feed = static_cast<const char*>(memchr(text + line, '\n', length - line));
+        if (feed == nullptr) return 0;
+        const size_t next = (size_t)(feed - text) + 1;
+        const size_t content = next - line - 1 - (next - line >= 2 && text[next - 2] == '\r' ? 1 : 0);
+        if (!first && content == 0) return next;
+        first = false;
+        line = next;
+    }
+    return 0;
+}
+
 namespace {
 
 // A step's verdict: a result to return at once, or nothing to go on.
@@ -212,8 +226,12 @@ Stop nextChunk(ChunkedDump& d) {
     }
     if (scanned.size == 0) {
         if (d.buf[d.p] != '0') return kMalformedResponse;
-        // The last chunk: trailers and the final blank line are not read.
+        // The last chunk: trailers and the final blank line are not read, but
+        // when they came whole with this read and nothing after them, the
+        // connection is clean for another request.
         d.remaining = 0;
+        if (d.job != nullptr)
+            d.job->chunkedEnd = chunkedTailEnd(d.buf + d.p, (size_t)(d.len - d.p)) == (size_t)(d.len - d.p);
         return d.consumedAll();
     }
     // The size line ends at the first line feed; an extension before it is
