@@ -78,15 +78,18 @@ TEST_F(Cancel, ACancelFromTheProgressCallbackEndsTheBatch) {
 
 // A chunked answer whose last chunk and final empty line came whole with the last read leaves its connection
 // for the next file; one whose end is still owed drops it.
-TEST_F(Cancel, AChunkedAnswerThatEndedCleanlyKeepsItsConnection) {
+using KeptConnection = Fixture<>;
+
+TEST_F(KeptConnection, AChunkedAnswerThatEndedCleanlyIsReused) {
     const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n";
     auto chunked = [&](std::string tail, bool owed) {
-        return [=](ServerConnection& c, const std::string&, int) {
-            return c.send(head + tail) && !(owed && c.stall(5));
-        };
+        return
+            [=](ServerConnection& c, const std::string&, int) { return c.send(head + tail) && !(owed && c.stall(5)); };
     };
-    Routes server({{"/clean", chunked("0\r\n\r\n", false)}, {"/trailer", chunked("0\r\nX-Sum: 1\r\n\r\n", false)},
-                   {"/owed", chunked("0\r\n", true)}, {"/after", chunked("0\r\n\r\n", false)}});
+    Routes server({{"/clean", chunked("0\r\n\r\n", false)},
+                   {"/trailer", chunked("0\r\nX-Sum: 1\r\n\r\n", false)},
+                   {"/owed", chunked("0\r\n", true)},
+                   {"/after", chunked("0\r\n\r\n", false)}});
     webChannel channel;
     init(channel, 1, "20");
     for (const char* path : {"/clean", "/trailer", "/owed", "/after"}) job(channel, server.url(path), path, 5);
