@@ -1,14 +1,22 @@
 // The job and worker records, and the host's job list.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 
+#include <openssl/evp.h>
+
+#include "batch/digest_stream.h"
 #include "channel/atomics.h"
 #include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
 #include "util/fs.h"
 #include "util/strings.h"
 
-webChannel::httpGetJob::httpGetJob() : size(0), start(0), end(0), downloaded(0), part(0) {}
+webChannel::httpGetJob::httpGetJob()
+    : size(0), start(0), end(0), downloaded(0), part(0), observer(nullptr), cursor(0), chunkedEnd(false) {}
 
 webChannel::httpGetJob::httpGetJob(const std::string& url_) : httpGetJob() {
     url = url_;
@@ -27,6 +35,46 @@ namespace {
 const char* orNull(const char* text) {
     return text != nullptr ? text : "(null)";
 }
+
+// The target of a job being added, opened at most once: the digest of what
+// it holds is read through the same descriptor that then empties it, so a
+// batch of small files costs one open here and one in the worker.
+class JobTarget {
+public:
+    explicit JobTarget(const char* path) : m_path(path) {}
+    ~JobTarget() {
+        if (m_fd >= 0) ::close(m_fd);
+    }
+    JobTarget(const JobTarget&) = delete;
+    JobTarget& operator=(const JobTarget&) = delete;
+
+    // What the file holds, digested as checksum() does it, with its lines.
+    std::string digest(webChannel& channel, const std::string& algorithm) {
+        const EVP_MD* md = EVP_get_digestbyname(algorithm.c_str());
+        struct stat info;
+        if (md != nullptr && stat(m_path, &info) != 0) {
+            if (webChannel::logging())
+                webChannel::log("VRAXSecureWebChannel::checksum: file %s cannot be opened", m_path);
+            return std::string();
+        }
+        if (md != nullptr && S_ISREG(info.st_mode)) m_fd = ::open(m_path, O_RDWR | O_CLOEXEC);
+        if (m_fd < 0) return channel.checksum(m_path, algorithm);  // the rare cases, as they always went
+        std::string text = hashDescriptor(m_fd, md);
+        if (webChannel::logging())
+            webChannel::log("VRAXSecureWebChannel::checksum: file %s has checksum %s", m_path, text.c_str());
+        return text;
+    }
+    // Makes the target exist and be empty.
+    bool empty() {
+        if (m_fd >= 0) return ftruncate(m_fd, 0) == 0;
+        m_fd = ::open(m_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        return m_fd >= 0;
+    }
+
+private:
+    const char* m_path;
+    int m_fd = -1;
+};
 
 }  // namespace
 
@@ -72,8 +120,9 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
     // A target that already holds the expected content is not fetched again.
     // An empty expected digest proves nothing (an unreadable file digests to
     // the empty text as well), so it never skips a download.
+    JobTarget target(file);
     if (!job.algorithm.empty() && !job.checksum.empty()) {
-        std::string digest = checksum(file, job.algorithm);
+        std::string digest = target.digest(*this, job.algorithm);
         if (digest.size() == job.checksum.size() && digest == job.checksum) return kAlreadyPresent;
     }
 
@@ -86,8 +135,7 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
     }
 
     // Every new job starts from an empty target.
-    FILE* target = fopen(file, "w");
-    if (target == nullptr) {
+    if (!target.empty()) {
         const int error = errno;
         if (hasParam(kParamErrorDetail)) {
             noteFailure(kFileWrite, systemText(error));
@@ -95,7 +143,6 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
         }
         return kFileWrite;
     }
-    fclose(target);
     if (logging()) log("VRAXSecureWebChannel::addJob: finished");
     return kOk;
 }
@@ -115,6 +162,7 @@ int webChannel::removeJob(const char* url) {
         m_httpGetJobs.erase(m_httpGetJobs.begin() + position);
         // Later jobs moved down by one.
         m_jobIndex.erase(probe.url);
+        dropDigestStream(probe.url);
         for (size_t i = (size_t)position; i < m_httpGetJobs.size(); ++i) m_jobIndex[m_httpGetJobs[i].url] = i;
         ScopedLock lock(m_lock4);
         m_verifiedStale = true;

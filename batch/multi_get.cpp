@@ -46,6 +46,8 @@ int webChannel::httpMultiGet(bool finalize) {
 
 void webChannel::prepareTargets() {
     for (const httpGetJob& job : m_httpGetJobs) {
+        // A file that starts over is hashed afresh; a verified one is done.
+        if (m_batch.empty() || urlCounter(job.url) <= 0) dropDigestStream(job.url);
         if (m_batch.empty()) {
             // First batch of this channel: addJob already created or emptied
             // every target.
@@ -71,6 +73,8 @@ void webChannel::indexBatch() {
     // Progress reports run on every worker after every block; they read the
     // counters through these pointers instead of searching the map by URL.
     // The map does not change while the workers run, so they stay valid.
+    attachDigestStreams();
+    tallyProgress();
     m_jobCounters.clear();
     for (const httpGetJob& job : m_httpGetJobs) m_jobCounters.push_back(&m_downloaded[job.url]);
     for (threadData* record : m_batch) {

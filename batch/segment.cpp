@@ -344,6 +344,8 @@ Stop openTarget(Attempt& a, Body& body, TargetFile& out) {
     }
     if (body.position > 0 && fseeko(out.get(), body.position, SEEK_SET) != 0) return fileFailure();
     body.sink = a.job != nullptr ? a.job : &body.scratch;
+    body.sink->cursor = body.position;
+    body.sink->chunkedEnd = false;
     body.downloadedBefore = atomicLoad(body.sink->downloaded);
     return std::nullopt;
 }
@@ -373,6 +375,7 @@ int deliver(Attempt& a, Body& body, FILE* out, long long from, long long to) {
 
 void report(Attempt& a, Body& body) {
     if (atomicLoad(a.channel.m_handler) == nullptr) return;
+    a.channel.accountProgress(a.record, a.job);
     long long done = a.job != nullptr ? atomicLoad(a.job->downloaded) : body.writtenHere();
     long long all = a.job != nullptr ? atomicLoad(a.job->size) : a.contentLength;
     body.lastReport = a.channel.handleProgress(body.lastReport, done, all, a.record != nullptr ? a.record->index : -1);
@@ -412,7 +415,8 @@ int complete(Attempt& a, Body& body, ConnectionLease& lease, long long written) 
     if (webChannel::logging())
         webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): downloaded %lld bytes from offset %lld",
                         a.thread, a.target, written, body.position);
-    lease.keepIf(!(body.chunked || body.untilClose || body.wire != 0 || a.conn->hangupEvents != 0));
+    const bool drained = body.chunked ? body.sink->chunkedEnd : !body.untilClose && body.wire == 0;
+    lease.keepIf(drained && a.conn->hangupEvents == 0);
     // The host asked to stop on the report of a piece that was already
     // complete: the piece stands, but its worker takes no further job and
     // the batch ends as cancelled.

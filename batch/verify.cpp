@@ -1,17 +1,15 @@
 // Verifying finished files by digest or by size.
-#include <cstdio>
-
+#include <fcntl.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <set>
+
+#include "batch/digest_stream.h"
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
-
-namespace {
-
-// Bytes read from the file per digest update.
-constexpr size_t kDigestBlock = 65536;
-
-}  // namespace
 
 std::string webChannel::checksum(std::string file, std::string algorithm) {
     const EVP_MD* digest = EVP_get_digestbyname(algorithm.c_str());
@@ -19,42 +17,25 @@ std::string webChannel::checksum(std::string file, std::string algorithm) {
         if (logging()) log("VRAXSecureWebChannel::checksum: invalid algorithm %s", algorithm.c_str());
         return std::string();
     }
-    FILE* input = fopen(file.c_str(), "rb");
-    if (input == nullptr) {
+    int input = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (input < 0) {
         if (logging()) log("VRAXSecureWebChannel::checksum: file %s cannot be opened", file.c_str());
         return std::string();
     }
-    EVP_MD_CTX* context = EVP_MD_CTX_create();
-    EVP_DigestInit_ex(context, digest, nullptr);
-    unsigned char block[kDigestBlock];
-    size_t count;
-    while ((count = fread(block, 1, sizeof(block), input)) > 0) EVP_DigestUpdate(context, block, count);
-    unsigned char value[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_DigestFinal_ex(context, value, &length);
-    // Any digest OpenSSL knows, SHA-512 included: the text grows as needed.
-    static const char kHex[] = "0123456789abcdef";
-    std::string text(length * 2, '0');
-    for (unsigned int i = 0; i < length; ++i) {
-        text[2 * i] = kHex[value[i] >> 4];
-        text[2 * i + 1] = kHex[value[i] & 15];
-    }
+    std::string text = hashDescriptor(input, digest);
+    ::close(input);
     if (logging()) log("VRAXSecureWebChannel::checksum: file %s has checksum %s", file.c_str(), text.c_str());
-    EVP_MD_CTX_destroy(context);
-    fclose(input);
     return text;
 }
 
 long long webChannel::filesize(std::string file) {
-    FILE* input = fopen(file.c_str(), "rb");
-    if (input == nullptr) {
+    // The length as the directory entry tells it: asking needs no open.
+    struct stat info;
+    if (stat(file.c_str(), &info) != 0) {
         if (logging()) log("VRAXSecureWebChannel::filesize: file %s cannot be opened", file.c_str());
         return -1;
     }
-    fseeko(input, 0, SEEK_END);
-    long long length = ftello(input);
-    fclose(input);
-    return length;
+    return (long long)info.st_size;
 }
 
 int webChannel::checksumJob(threadData* record, unsigned int j) {
@@ -80,7 +61,7 @@ int webChannel::checksumJob(threadData* record, unsigned int j) {
             return kChecksumMismatch;
         }
     } else {
-        std::string digest = checksum(job.file, job.algorithm);
+        std::string digest = fileDigest(job);
         if (digest.size() != job.checksum.size() || digest != job.checksum) {
             // Deliberate: the length is read and not used. Its one effect is the
             // "cannot be opened" line when the target has vanished, which the
@@ -93,6 +74,7 @@ int webChannel::checksumJob(threadData* record, unsigned int j) {
         }
     }
     // Complete and verified: getNextDownloadedFile may hand it out now.
+    settleProgress(record, &job);
     atomicStore(counter->second, kUrlVerified);
     noteVerified(job.url);
     return kOk;
@@ -109,4 +91,49 @@ int webChannel::checksumErrJob(threadData* record, unsigned int j) {
     recordFailure(kChecksumMismatch, job.file);
     if (atomicLoad(m_handler) != nullptr) handleProgress(0, length, job.size, record->index);
     return kOk;
+}
+
+std::string webChannel::fileDigest(const httpGetJob& job) {
+    auto stream = m_digestStreams.find(job.url);
+    if (stream == m_digestStreams.end()) return checksum(job.file, job.algorithm);
+    std::string text = stream->second->finish(job.file);
+    if (stream->second->rehashed()) atomicAdd(m_filesRehashed, 1);
+    // The lines hashing the file itself writes.
+    if (logging()) {
+        if (text.empty())
+            log("VRAXSecureWebChannel::checksum: file %s cannot be opened", job.file.c_str());
+        else
+            log("VRAXSecureWebChannel::checksum: file %s has checksum %s", job.file.c_str(), text.c_str());
+    }
+    return text;
+}
+
+void webChannel::attachDigestStreams() {
+    // A file whose pieces already hold bytes but that has no stream yet was
+    // written without one: its stream starts stale and the file is hashed
+    // from disk when it is complete.
+    std::set<std::string> written;
+    for (threadData* record : m_batch)
+        for (const httpGetJob& job : record->jobs)
+            if (atomicLoad(job.downloaded) > 0) written.insert(job.url);
+    for (threadData* record : m_batch) {
+        for (httpGetJob& job : record->jobs) {
+            job.observer = nullptr;
+            if (job.algorithm.empty()) continue;
+            std::unique_ptr<DigestStream>& stream = m_digestStreams[job.url];
+            if (stream == nullptr) {
+                const EVP_MD* digest = EVP_get_digestbyname(job.algorithm.c_str());
+                if (digest == nullptr) {
+                    m_digestStreams.erase(job.url);  // checksum() reports the unknown algorithm
+                    continue;
+                }
+                stream = std::make_unique<DigestStream>(digest, written.count(job.url) != 0);
+            }
+            job.observer = stream.get();
+        }
+    }
+}
+
+void webChannel::dropDigestStream(const std::string& url) {
+    m_digestStreams.erase(url);
 }

@@ -9,6 +9,7 @@
 // target, so its figures include stdio but no disk. Bytes per second count
 // the wire bytes handed to the decoder (sizes, CR LFs and data).
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -328,6 +329,52 @@ void BM_RequestStr(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_RequestStr);
+
+// ---------------------------------------------------------------------------
+// Channel start-up and the job list
+
+// A fresh channel's first init(8): worker buffers and the TLS context. The
+// channel is made and destroyed outside the timing.
+void BM_InitEightWorkers(benchmark::State& state) {
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto* channel = new webChannel;
+        state.ResumeTiming();
+        benchmark::DoNotOptimize(channel->init(8));
+        state.PauseTiming();
+        delete channel;
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(BM_InitEightWorkers)->Unit(benchmark::kMicrosecond);
+
+// addJob with the size and digest known, the way a manifest adds its files;
+// per job, in a list of 4096. The targets go to a scratch directory.
+void BM_AddJob(benchmark::State& state) {
+    char dir[] = "/tmp/webchannel-bench-XXXXXX";
+    if (mkdtemp(dir) == nullptr) return state.SkipWithError("mkdtemp");
+    const std::string digest(64, 'a');
+    std::vector<std::string> urls, files;
+    for (int i = 0; i < 4096; ++i) {
+        urls.push_back("http://127.0.0.1:8080/small/f" + std::to_string(i) + ".bin");
+        files.push_back(std::string(dir) + "/f" + std::to_string(i) + ".bin");
+    }
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto* channel = new webChannel;
+        channel->init(8);
+        state.ResumeTiming();
+        for (int i = 0; i < 4096; ++i)
+            channel->addJob(urls[i].c_str(), files[i].c_str(), 16384, digest.c_str(), "sha256");
+        state.PauseTiming();
+        delete channel;
+        for (const std::string& file : files) std::remove(file.c_str());
+        state.ResumeTiming();
+    }
+    rmdir(dir);
+    state.SetItemsProcessed(state.iterations() * 4096);
+}
+BENCHMARK(BM_AddJob)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

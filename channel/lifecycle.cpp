@@ -1,11 +1,12 @@
 // Construction, (re)initialisation, close and destruction of the channel.
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
-
+#include "batch/digest_stream.h"
 #include "channel/atomics.h"
 #include "channel/globals.h"
 #include "channel/scoped_lock.h"
@@ -24,12 +25,18 @@ webChannel::webChannel()
       m_incomplete(nullptr),
       m_verifiedStale(true),
       m_batchRunning(false),
-      m_errorMessageWhole(false) {
+      m_errorMessageWhole(false),
+      m_filesRehashed(0),
+      m_progressDone(0),
+      m_progressSize(0),
+      m_progressFinished(0),
+      m_trustLoaded(false) {
     pthread_mutex_init(&m_lock1, nullptr);
     pthread_mutex_init(&m_lock2, nullptr);
     pthread_mutex_init(&m_lock3, nullptr);
     pthread_mutex_init(&m_lock4, nullptr);
     pthread_mutex_init(&m_errorLock, nullptr);
+    pthread_mutex_init(&m_trustLock, nullptr);
 }
 
 int webChannel::init(unsigned threadNum) {
@@ -37,6 +44,7 @@ int webChannel::init(unsigned threadNum) {
     m_httpGetJobs.clear();
     m_jobIndex.clear();
     m_downloaded.clear();
+    m_digestStreams.clear();
     {
         ScopedLock lock(m_lock4);
         m_verifiedStale = true;
@@ -85,6 +93,8 @@ void webChannel::close() {
         delete record;
     }
     m_batch.clear();
+    // The next batch plans every file afresh.
+    m_digestStreams.clear();
     emptyPool(m_connections, m_retiredConnections);
 }
 
@@ -98,6 +108,7 @@ webChannel::~webChannel() {
     pthread_mutex_destroy(&m_lock3);
     pthread_mutex_destroy(&m_lock4);
     pthread_mutex_destroy(&m_errorLock);
+    pthread_mutex_destroy(&m_trustLock);
     free(m_buffer);
     m_buffer = nullptr;
     free(m_incomplete);

@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
+#include <string>
 
 #include "channel/globals.h"
 #include "channel/scoped_lock.h"
@@ -38,15 +40,33 @@ void webChannel::log(const char* format, ...) {
     int savedErrno = errno;
     timeval now;
     gettimeofday(&now, nullptr);
+    // The line is formatted before the lock is taken, so that workers logging
+    // at once wait only for each other's writes, not for each other's
+    // formatting. Most lines fit the stack buffer; a long one (a response
+    // head, say) is formatted again into one of its size.
+    char small[4096];
+    int prefix = snprintf(small, sizeof(small), "%ld:%.3d : ", (long)now.tv_sec, (int)(now.tv_usec / 1000));
+    va_list args;
+    va_start(args, format);
+    int message = vsnprintf(small + prefix, sizeof(small) - (size_t)prefix, format, args);
+    va_end(args);
+    if (message < 0) message = 0;
+    std::string large;
+    const char* line = small;
+    size_t length = (size_t)prefix + (size_t)message;
+    if (length + 1 >= sizeof(small)) {
+        large.assign(small, (size_t)prefix);
+        large.resize(length + 1);
+        va_start(args, format);
+        vsnprintf(&large[(size_t)prefix], (size_t)message + 1, format, args);
+        va_end(args);
+        line = large.data();
+    }
     {
         ScopedLock lock(gLockLog);
         FILE* out = m_log;  // read again under the lock: setLog may have swapped it
         if (out != nullptr) {
-            fprintf(out, "%ld:%.3d : ", (long)now.tv_sec, (int)(now.tv_usec / 1000));
-            va_list args;
-            va_start(args, format);
-            vfprintf(out, format, args);
-            va_end(args);
+            fwrite(line, 1, length, out);
             fputc('\n', out);
             fflush(out);
         }

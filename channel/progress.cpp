@@ -1,4 +1,6 @@
 // Progress reports to the host's callback.
+#include <cstdint>
+
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
 
@@ -33,7 +35,12 @@ long long webChannel::handleProgress(long long lastReported, long long done, lon
         return indexed ? atomicLoad(*record->counters[j]) : urlCounter(record->jobs[j].url);
     };
 
-    if (done / kProgressStep != lastReported) {
+    if (done / kProgressStep != lastReported && indexed) {
+        failedJobs = atomicLoad(m_progressFinished);
+        bytesDone = atomicLoad(m_progressDone);
+        bytesTotal = atomicLoad(m_progressSize);
+        result = bytesDone / kProgressStep;
+    } else if (done / kProgressStep != lastReported) {
         // Files whose counter went negative are finished and verified (or
         // handed out); they are counted and their size is part of the total.
         for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
@@ -79,4 +86,66 @@ int webChannel::blamedJob(bool indexed) {
         if (m_httpGetJobs[i].url == *blamed) return (int)i;
     }
     return -1;
+}
+
+void webChannel::tallyProgress() {
+    // The same sums as the recount of a report, taken once.
+    long long done = 0, size = 0;
+    int finished = 0;
+    m_progressTallies.assign(m_httpGetJobs.size(), {0, 0});
+    for (size_t i = 0; i < m_httpGetJobs.size(); ++i) {
+        if (urlCounter(m_httpGetJobs[i].url) >= 0) continue;
+        ++finished;
+        size += m_httpGetJobs[i].size;
+    }
+    for (threadData* record : m_batch) {
+        record->positions.clear();
+        record->accounted.clear();
+        for (const httpGetJob& job : record->jobs) {
+            long position = jobPosition(job.url);
+            record->positions.push_back(position < 0 ? SIZE_MAX : (size_t)position);
+            std::pair<long long, long long> piece(atomicLoad(job.downloaded), atomicLoad(job.size));
+            if (urlCounter(job.url) < 0) piece = {0, 0};  // finished: not pending
+            record->accounted.push_back(piece);
+            done += piece.first;
+            size += piece.second;
+            if (position >= 0) {
+                m_progressTallies[(size_t)position].first += piece.first;
+                m_progressTallies[(size_t)position].second += piece.second;
+            }
+        }
+    }
+    atomicStore(m_progressDone, done);
+    atomicStore(m_progressSize, size);
+    atomicStore(m_progressFinished, finished);
+}
+
+void webChannel::accountProgress(threadData* record, const httpGetJob* job) {
+    if (record == nullptr || job == nullptr || record->accounted.size() != record->jobs.size()) return;
+    const size_t j = (size_t)(job - record->jobs.data());
+    if (j >= record->jobs.size()) return;
+    std::pair<long long, long long>& seen = record->accounted[j];
+    const long long done = atomicLoad(job->downloaded) - seen.first, size = atomicLoad(job->size) - seen.second;
+    if (done == 0 && size == 0) return;
+    seen.first += done;
+    seen.second += size;
+    atomicAdd(m_progressDone, done);
+    atomicAdd(m_progressSize, size);
+    if (record->positions[j] < m_progressTallies.size()) {
+        atomicAdd(m_progressTallies[record->positions[j]].first, done);
+        atomicAdd(m_progressTallies[record->positions[j]].second, size);
+    }
+}
+
+void webChannel::settleProgress(threadData* record, const httpGetJob* job) {
+    accountProgress(record, job);
+    if (record == nullptr || job == nullptr || record->accounted.size() != record->jobs.size()) return;
+    const size_t position = record->positions[(size_t)(job - record->jobs.data())];
+    if (position >= m_progressTallies.size()) return;
+    // Every piece of the file is done and accounted: its pieces leave the
+    // pending sums, and the file joins the finished ones with its listed size.
+    const std::pair<long long, long long> pieces = m_progressTallies[position];
+    atomicAdd(m_progressDone, -pieces.first);
+    atomicAdd(m_progressSize, m_httpGetJobs[position].size - pieces.second);
+    atomicAdd(m_progressFinished, 1);
 }

@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -23,6 +24,8 @@
 #include "VRAXSecureWebChannel.h"
 
 struct ResponseHead;
+class BodyObserver;
+class DigestStream;
 
 using namespace wc;
 
@@ -106,6 +109,13 @@ public:
         long long downloaded;  // bytes of the range already written
         int part;              // piece number
         AccessParams params;   // per-job access parameters
+        // While a transfer runs: told of the bytes written (the file's
+        // digest stream, or none), the file offset the next body byte goes
+        // to, and whether a chunked body ended exactly where the read that
+        // brought its last chunk ended (so its connection holds nothing more).
+        BodyObserver* observer;
+        long long cursor;
+        bool chunkedEnd;
     };
 
     // ---- batch/: one worker thread of a batch (jobs.cpp) ----
@@ -124,6 +134,11 @@ public:
         // While a batch runs: the state counter of each job's URL, in the
         // order of `jobs`, for progress reports without map searches.
         std::vector<const long*> counters;
+        // While a batch runs: each job's position in m_httpGetJobs, and the
+        // bytes written and the size of each job already in the running
+        // progress totals.
+        std::vector<size_t> positions;
+        std::vector<std::pair<long long, long long>> accounted;
     };
 
     webChannel();
@@ -208,6 +223,14 @@ public:
     long long handleProgress(long long lastReported, long long done, long long total, int mode);
     // Position in m_httpGetJobs of the job a failed worker was on, or -1.
     int blamedJob(bool indexed);
+    // Running totals, so that a report while a batch runs costs the same
+    // whatever the number of jobs. tallyProgress counts them afresh before
+    // the workers start; a worker brings in what its job wrote (or learnt of
+    // its size) since it last did; settleProgress moves a verified file from
+    // the pending bytes to the finished files.
+    void tallyProgress();
+    void accountProgress(threadData* record, const httpGetJob* job);
+    void settleProgress(threadData* record, const httpGetJob* job);
 
     // ---- transport/: URL parsing and host-address cache (url.cpp, address_cache.cpp) ----
     bool parseURL(std::string url, unsigned long* address, std::string& host, std::string& port, std::string& path,
@@ -243,6 +266,10 @@ public:
 
     // ---- transport/: connecting, tunnel, TLS (connect.cpp, tunnel.cpp, tls.cpp) ----
     int initSSL();
+    // Loads the system trust store into the context, once, on the first
+    // handshake: parsing the CA bundle is most of what a TLS set-up costs, and
+    // a host that never speaks TLS should not pay it at init.
+    void loadTrustStore();
     static int initSSLVerifyCallback(int preverifyOk, X509_STORE_CTX* store);
     int initSocket(connection* conn, threadData* worker);
     int openTunnel(connection* conn);
@@ -326,6 +353,14 @@ public:
     std::string checksum(std::string file, std::string algorithm);
     long long filesize(std::string file);
     int checksumJob(threadData* record, unsigned int j);
+    // The digest of a finished file: from its stream when it has one (reading
+    // only what was not streamed), else from the file.
+    std::string fileDigest(const httpGetJob& job);
+    // Before the workers start: a digest stream for every pending file with a
+    // digest, handed to its pieces.
+    void attachDigestStreams();
+    // Drops the stream of a file that starts over or is done.
+    void dropDigestStream(const std::string& url);
     int checksumErrJob(threadData* record, unsigned int j);
 
     // ---- members, in declaration order ----
@@ -374,6 +409,19 @@ public:
     // Under m_errorLock: m_errorMessage is a detailed one (error detail on),
     // which getErrorCode copies whole.
     bool m_errorMessageWhole;
+    // Digest streams of the pending files with a digest, by URL. Changed only
+    // between batches; workers reach them through their jobs' observers.
+    std::unordered_map<std::string, std::unique_ptr<DigestStream>> m_digestStreams;
+    int m_filesRehashed;  // through atomics.h: files whose digest came from disk after all
+    // The running progress totals (through atomics.h): bytes written and size
+    // of the pending pieces, finished files; and per job of the list what its
+    // pending pieces add to the first two.
+    long long m_progressDone;
+    long long m_progressSize;
+    int m_progressFinished;
+    std::vector<std::pair<long long, long long>> m_progressTallies;
+    pthread_mutex_t m_trustLock;  // loading the trust store into m_sslContext
+    bool m_trustLoaded;           // through atomics.h: read before the lock
 
     static FILE* m_log;
 };

@@ -68,6 +68,20 @@ ChunkSize scanChunkSize(const char* text, size_t length) {
     return result;
 }
 
+size_t chunkedTailEnd(const char* text, size_t length) {
+    bool first = true;  // the size line itself
+    for (size_t line = 0; line < length;) {
+        const char* feed = static_cast<const char*>(memchr(text + line, '\n', length - line));
+        if (feed == nullptr) return 0;
+        const size_t next = (size_t)(feed - text) + 1;
+        const size_t content = next - line - 1 - (next - line >= 2 && text[next - 2] == '\r' ? 1 : 0);
+        if (!first && content == 0) return next;
+        first = false;
+        line = next;
+    }
+    return 0;
+}
+
 namespace {
 
 // A step's verdict: a result to return at once, or nothing to go on.
@@ -90,6 +104,13 @@ private:
     const long long& m_bytes;
 };
 
+// Tells the job's observer of bytes just written at the job's cursor.
+void observe(webChannel::httpGetJob* job, FILE* file, const char* data, size_t size) {
+    if (job == nullptr || size == 0) return;
+    if (job->observer != nullptr) job->observer->written(fileno(file), job->cursor, data, size);
+    job->cursor += (long long)size;
+}
+
 // One chunked dump call: the buffer `buf[0, len)`, the read position `p`,
 // and the caller's carry-over `offset` and decoder state `remaining`.
 struct ChunkedDump {
@@ -99,16 +120,40 @@ struct ChunkedDump {
     long long& offset;
     long long& remaining;
     long long p;
+    webChannel::httpGetJob* job;
     long long written = 0;
 
+    // Whole chunks are gathered into one run at the front of what was read
+    // (their data moved down over the size lines between them) and written
+    // with one call: a body of many small chunks costs a write per read,
+    // not one per chunk. `run` is where the run starts, -1 when empty.
+    long long run = -1;
+    long long runEnd = 0;
+
+    void gather(long long from, long long count) {
+        if (run < 0) {
+            run = runEnd = from;
+        } else if (from != runEnd) {
+            memmove(buf + runEnd, buf + from, (size_t)count);
+        }
+        runEnd += count;
+    }
+    bool flush() {
+        if (run < 0) return true;
+        const long long from = run;
+        run = -1;
+        return write(from, runEnd - from);
+    }
     bool write(long long from, long long count) {
         size_t done = count > 0 ? fwrite_unlocked(buf + from, 1, (size_t)count, file) : 0;
+        observe(job, file, buf + from, done);
         written += (long long)done;
         return (long long)done == count;
     }
     // Carries the bytes from `from` to the end to the start of the buffer;
     // the caller appends the next read behind them.
     int carry(long long from) {
+        if (!flush()) return kFileWrite;
         if (from > 0 && from < len) {
             memmove(buf, buf + from, (size_t)(len - from));
             if (webChannel::logging())
@@ -119,7 +164,7 @@ struct ChunkedDump {
     }
     int consumedAll() {
         offset = 0;
-        return kOk;
+        return flush() ? kOk : kFileWrite;
     }
 };
 
@@ -129,6 +174,7 @@ int dumpPlain(FILE* file, char* buf, long long len, long long& offset, long long
     long long count = len - offset;
     // The target belongs to one worker: no stdio locking is needed.
     size_t written = count > 0 ? fwrite_unlocked(buf + offset, 1, (size_t)count, file) : 0;
+    observe(job, file, buf + offset, written);
     if (job != nullptr) atomicAdd(job->downloaded, (long long)written);
     remaining -= (long long)written;
     offset = 0;
@@ -160,7 +206,7 @@ int partialChunk(ChunkedDump& d, long long data, long long size) {
                         (unsigned)(data + size + 2), (unsigned)d.len, d.len, (unsigned)data, (long)size);
     if (size <= kMaxRead - 2 - (data - d.p)) return d.carry(d.p);
     long long take = d.len - data < size ? d.len - data : size;
-    if (!d.write(data, take)) return kFileWrite;
+    if (!d.flush() || !d.write(data, take)) return kFileWrite;
     d.remaining = kInChunk + (size - take);
     if (take < size) return d.consumedAll();
     return d.carry(data + take);  // part of the CR LF
@@ -180,8 +226,12 @@ Stop nextChunk(ChunkedDump& d) {
     }
     if (scanned.size == 0) {
         if (d.buf[d.p] != '0') return kMalformedResponse;
-        // The last chunk: trailers and the final blank line are not read.
+        // The last chunk: trailers and the final blank line are not read, but
+        // when they came whole with this read and nothing after them, the
+        // connection is clean for another request.
         d.remaining = 0;
+        if (d.job != nullptr)
+            d.job->chunkedEnd = chunkedTailEnd(d.buf + d.p, (size_t)(d.len - d.p)) == (size_t)(d.len - d.p);
         return d.consumedAll();
     }
     // The size line ends at the first line feed; an extension before it is
@@ -198,8 +248,10 @@ Stop nextChunk(ChunkedDump& d) {
     long long data = feed + 1;
     long long size = scanned.size;
     if (size > d.len - data - 2) return partialChunk(d, data, size);
-    if (!d.write(data, size)) return kFileWrite;
-    if (d.buf[data + size] != '\r' || d.buf[data + size + 1] != '\n') return kMalformedResponse;
+    // The line end is checked before the data moves: the move may overwrite it.
+    const bool lineEnd = d.buf[data + size] == '\r' && d.buf[data + size + 1] == '\n';
+    d.gather(data, size);
+    if (!lineEnd) return d.flush() ? kMalformedResponse : kFileWrite;
     d.p = data + size + 2;
     if (d.p >= d.len) return d.consumedAll();
     return std::nullopt;
@@ -216,13 +268,17 @@ int webChannel::dump(FILE* file, char* buf, long long len, long long& offset, lo
     // fits the buffer).
     if (len <= 0) return kOk;
     if (remaining < 1) remaining = 1;
-    ChunkedDump d{file, buf, len, offset, remaining, offset};
+    ChunkedDump d{file, buf, len, offset, remaining, offset, job};
     CountOnReturn counted(job, d.written);
     if (remaining >= kInChunk) {
         if (Stop stop = finishLargeChunk(d)) return *stop;
     }
     if (d.p >= len) return d.consumedAll();
     for (;;) {
-        if (Stop stop = nextChunk(d)) return *stop;
+        if (Stop stop = nextChunk(d)) {
+            // Whatever ended the call, the chunks gathered before it are written.
+            if (!d.flush() && *stop == kOk) return kFileWrite;
+            return *stop;
+        }
     }
 }

@@ -19,4 +19,19 @@ struct ChunkSize {
 // 0x7ffffffffffffffd or more are kOutOfRange.
 ChunkSize scanChunkSize(const char* text, size_t length);
 
+// Where the rest of a chunked body (the last chunk's size line, trailer
+// lines, the final empty line) ends in `text`, which starts at the last
+// chunk's size line; 0 when it does not end within `length` bytes.
+size_t chunkedTailEnd(const char* text, size_t length);
+
+// Told of every run of body bytes once it is in the target file: `fd` is the
+// target's descriptor, `offset` where the run starts in the file.
+class BodyObserver {
+public:
+    virtual void written(int fd, long long offset, const char* data, size_t size) = 0;
+
+protected:
+    virtual ~BodyObserver() = default;
+};
+
 #endif

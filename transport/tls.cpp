@@ -1,5 +1,9 @@
 // TLS: library start, OpenSSL's locking callbacks, the client context with
 // its certificate store, verification logging and the handshake.
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/x509v3.h>
 #include <poll.h>
 #include <sys/stat.h>
 
@@ -8,12 +12,9 @@
 #include <cstring>
 #include <ctime>
 
-#include <openssl/crypto.h>
-#include <openssl/err.h>
-#include <openssl/evp.h>
-#include <openssl/x509v3.h>
-
+#include "channel/atomics.h"
 #include "channel/globals.h"
+#include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
 #include "transport/poll_wait.h"
 
@@ -50,6 +51,13 @@ int webChannel::initSSL() {
 #if OPENSSL_VERSION_NUMBER >= 0x10100000L
     SSL_CTX_set_default_read_buffer_len(m_sslContext, 256 * 1024);
 #endif
+    return kOk;
+}
+
+void webChannel::loadTrustStore() {
+    if (atomicLoad(m_trustLoaded)) return;
+    ScopedLock lock(m_trustLock);
+    if (m_trustLoaded) return;
     SSL_CTX_set_default_verify_paths(m_sslContext);
     for (const char* store : {"/etc/pki/tls/certs/ca-bundle.crt", "/etc/ssl/certs"}) {
         struct stat info;
@@ -61,7 +69,7 @@ int webChannel::initSSL() {
                                : SSL_CTX_load_verify_locations(m_sslContext, store, nullptr);
         if (loaded == 1) break;
     }
-    return kOk;
+    atomicStore(m_trustLoaded, true);
 }
 
 int webChannel::initSSLVerifyCallback(int preverifyOk, X509_STORE_CTX* store) {
@@ -102,6 +110,7 @@ std::string handshakeFailure(int error, int systemError) {
 }  // namespace
 
 int webChannel::connectSSL(connection* conn) {
+    if (m_sslContext != nullptr) loadTrustStore();
     conn->ssl = SSL_new(m_sslContext);
     if (conn->ssl == nullptr) {
         std::string text = openSslText();

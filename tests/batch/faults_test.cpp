@@ -53,6 +53,7 @@ TEST_P(PiecesAcrossBatches, TheFileIsVerifiedOnceWholeAndOnlyThenHandedOut) {
     EXPECT_EQ(channel.getErrorCode(nullptr, 0), 0) << "the file was verified before it was whole";
     EXPECT_EQ(handedOut(channel), Ints{0});
     EXPECT_TRUE(fileHoldsGenerated(dir + "/f", seed, size));
+    EXPECT_EQ(channel.m_filesRehashed, 0) << "the digest was not streamed across the batches";
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, PiecesAcrossBatches, ::testing::Bool(),
@@ -80,7 +81,8 @@ TEST_F(Faults, BrokenConnectionsAreResumedOrRepeatedAfterACountedPauseOrFailOnly
          }},
         {"/silent", 41, 1000, [](ServerConnection& c, const std::string&) { c.stall(20); }},
         {"/f1", 51, 10000, [](ServerConnection& c, const std::string&) { c.reset(); }},
-        {"/mid", 42, 200000, [&](ServerConnection& c, const std::string& request) {
+        {"/mid", 42, 200000,
+         [&](ServerConnection& c, const std::string& request) {
              half = serve(c, request, 42, 200000, false, 0.5);
              c.stall(20);
          }},
@@ -116,7 +118,27 @@ TEST_F(Faults, BrokenConnectionsAreResumedOrRepeatedAfterACountedPauseOrFailOnly
     }
     EXPECT_EQ(server.requestsFor("/behind").size(), 0u);
     EXPECT_EQ(server.connections(), 8);
+    EXPECT_EQ(channel.m_filesRehashed, 0);
     EXPECT_EQ(countLines(log.text(), kCountedRepeat), 3);
+}
+
+// Sizes unknown, a whole-file answer cut by a reset starts over from the first byte: the bytes written twice
+// leave the streamed digest behind, and the file is hashed from disk instead, whole and once.
+TEST_F(Faults, AWholeFileAnswerThatStartsOverIsVerifiedFromDisk) {
+    webChannel channel;
+    Routes server({{"/w", [&](ServerConnection& c, const std::string& request, int attempt) {
+                        if (attempt > 0) return serve(c, request, 60, 300000) >= 0;
+                        const long long sent = serve(c, request, 60, 300000, false, 0.5);
+                        EXPECT_TRUE(eventually([&] { return pieceWritten(channel, "/w", -1) == sent; }));
+                        return c.reset(), false;
+                    }}});
+    init(channel, 1);
+    channel.setParam(kParamUnknownSize, "", true);
+    job(channel, server.url("/w"), "/w", 0, digestOf("", "sha256", 60, 300000), "sha256");
+    EXPECT_EQ(channel.httpMultiGet(true), 0);
+    EXPECT_EQ(handedOut(channel), Ints{0});
+    EXPECT_TRUE(fileHoldsGenerated(dir + "/w", 60, 300000));
+    EXPECT_EQ(channel.m_filesRehashed, 1);
 }
 
 // Malformed answers, absurd lengths, broken chunk framing and bad redirects, each for one job of a two-worker

@@ -30,6 +30,7 @@ TEST_P(MixedBatch, EveryFileArrivesVerifiedAndIsHandedOutOnceInOrder) {
     EXPECT_EQ(handedOut(channel), (Ints{0, 1, 2, 3, 4, 5, 6}));
     for (const auto& [name, probe, algorithm] : kMixed)
         EXPECT_TRUE(readFile(dir + "/sub" + name) == readFile(peers().www + name)) << name;
+    EXPECT_EQ(channel.m_filesRehashed, 0) << "every digest is streamed, pieces finishing in any order";
     // Finished work leaves the thread lists; a second batch has nothing to do.
     for (auto* record : channel.m_batch) EXPECT_TRUE(record->jobs.empty());
     EXPECT_EQ(channel.httpMultiGet(true), 0);
@@ -73,6 +74,28 @@ TEST_F(Cancel, ACancelFromTheProgressCallbackEndsTheBatch) {
     handed.insert(handed.end(), progress.handed.begin(), progress.handed.end());
     EXPECT_EQ((int)handed.size(), 200 - pending);
     for (int i : handed) EXPECT_TRUE(readFile(dir + small(i)) == readFile(peers().www + small(i))) << i;
+}
+
+// A chunked answer whose last chunk and final empty line came whole with the last read leaves its connection
+// for the next file; one whose end is still owed drops it.
+using KeptConnection = Fixture<>;
+
+TEST_F(KeptConnection, AChunkedAnswerThatEndedCleanlyIsReused) {
+    const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n";
+    auto chunked = [&](std::string tail, bool owed) {
+        return
+            [=](ServerConnection& c, const std::string&, int) { return c.send(head + tail) && !(owed && c.stall(5)); };
+    };
+    Routes server({{"/clean", chunked("0\r\n\r\n", false)},
+                   {"/trailer", chunked("0\r\nX-Sum: 1\r\n\r\n", false)},
+                   {"/owed", chunked("0\r\n", true)},
+                   {"/after", chunked("0\r\n\r\n", false)}});
+    webChannel channel;
+    init(channel, 1, "20");
+    for (const char* path : {"/clean", "/trailer", "/owed", "/after"}) job(channel, server.url(path), path, 5);
+    EXPECT_EQ(channel.httpMultiGet(true), 0);
+    EXPECT_EQ(handedOut(channel), (Ints{0, 1, 2, 3}));
+    EXPECT_EQ(server.connections(), 2);
 }
 
 }  // namespace

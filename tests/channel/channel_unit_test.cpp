@@ -222,4 +222,55 @@ TEST(Progress, IsRecountedEach256KiBBlamesTheFailedWorkersJobAndCanBeCancelled) 
     EXPECT_EQ(channel.handleProgress(0, 5, 10, 1), -1);  // any worker may cancel, not only the first
 }
 
+// While a batch runs, reports come from running totals; after writes, a size learnt from an answer and a
+// verified file they still equal the recount over the whole batch.
+TEST(Progress, RunningTotalsMatchTheRecount) {
+    using Report = std::tuple<int, long long, long long>;
+    std::vector<Report> reports;
+    auto record = [](bool&, int failed, long long done, long long total, int, void* seen) {
+        static_cast<std::vector<Report>*>(seen)->emplace_back(failed, done, total);
+    };
+    webChannel channel;
+    channel.setHandler(record, &reports);
+    for (const auto& [url, size] : {std::make_pair("a", 1000LL), {"b", 3LL << 20}, {"c", 0LL}, {"d", 7LL}}) {
+        channel.m_httpGetJobs.emplace_back(url);
+        channel.m_httpGetJobs.back().size = size;
+        channel.m_jobIndex[url] = channel.m_httpGetJobs.size() - 1;
+        channel.m_downloaded[url] = std::string(url) == "d" ? kUrlHandedOut : 1;
+    }
+    channel.m_downloaded["b"] = 2;
+    for (int i = 0; i < 2; ++i) channel.m_batch.push_back(new webChannel::threadData());
+    for (const auto& [worker, url, size, done] : {std::make_tuple(0, "a", 1000LL, 10LL),
+                                                  {0, "b", 1LL << 20, 0LL},
+                                                  {1, "b", 2LL << 20, 5LL},
+                                                  {1, "c", 0LL, 0LL},
+                                                  {1, "d", 7LL, 7LL}}) {
+        channel.m_batch[worker]->jobs.emplace_back(url);
+        channel.m_batch[worker]->jobs.back().size = size;
+        channel.m_batch[worker]->jobs.back().downloaded = done;
+    }
+    auto matches = [&] {  // a report from the totals, then one recounted
+        reports.clear();
+        for (bool running : {true, false}) {
+            channel.m_batchRunning = running;
+            channel.handleProgress(-7, 0, 0, 0);
+        }
+        channel.m_batchRunning = false;
+        return reports.size() == 2 && reports[0] == reports[1] ? ::testing::AssertionSuccess()
+                                                               : ::testing::AssertionFailure() << reports.size();
+    };
+    channel.tallyProgress();
+    EXPECT_TRUE(matches());
+    webChannel::httpGetJob &a = channel.m_batch[0]->jobs[0], &b0 = channel.m_batch[0]->jobs[1];
+    webChannel::httpGetJob &b1 = channel.m_batch[1]->jobs[0], &c = channel.m_batch[1]->jobs[1];
+    a.downloaded = 1000, b0.downloaded = 1 << 20, b1.downloaded = 2 << 20, c.size = c.downloaded = 4096;
+    for (auto [worker, job] : {std::make_pair(0, &a), {0, &b0}, {1, &b1}, {1, &c}})
+        channel.accountProgress(channel.m_batch[worker], job);
+    EXPECT_TRUE(matches());
+    channel.settleProgress(channel.m_batch[1], &b1);  // the last piece of b verifies the file
+    channel.m_downloaded["b"] = kUrlVerified;
+    EXPECT_TRUE(matches());
+    EXPECT_EQ(reports[0], Report(2, 1000 + 4096, 1000 + (3 << 20) + 4096 + 7));
+}
+
 }  // namespace

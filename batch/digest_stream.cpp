@@ -1,0 +1,139 @@
+#include "batch/digest_stream.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace {
+
+// Bytes read from the file per digest update when catching up.
+constexpr size_t kCatchUpBlock = 65536;
+
+}  // namespace
+
+std::string hexDigest(const unsigned char* value, unsigned length) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string text(length * 2, '0');
+    for (unsigned i = 0; i < length; ++i) {
+        text[2 * i] = kHex[value[i] >> 4];
+        text[2 * i + 1] = kHex[value[i] & 15];
+    }
+    return text;
+}
+
+std::string hashDescriptor(int fd, const EVP_MD* digest, long long from) {
+    EVP_MD_CTX* context = EVP_MD_CTX_create();
+    if (context == nullptr) return std::string();
+    EVP_DigestInit_ex(context, digest, nullptr);
+    char block[kCatchUpBlock];
+    for (ssize_t got; (got = pread(fd, block, sizeof(block), from)) != 0;) {
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) break;
+        EVP_DigestUpdate(context, block, (size_t)got);
+        from += got;
+    }
+    unsigned char value[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    EVP_DigestFinal_ex(context, value, &length);
+    EVP_MD_CTX_destroy(context);
+    return hexDigest(value, length);
+}
+
+DigestStream::DigestStream(const EVP_MD* digest, bool stale)
+    : m_context(EVP_MD_CTX_create()), m_digest(digest), m_stale(stale) {
+    if (m_context == nullptr || EVP_DigestInit_ex(m_context, digest, nullptr) != 1) m_stale = true;
+}
+
+DigestStream::~DigestStream() {
+    if (m_context != nullptr) EVP_MD_CTX_destroy(m_context);
+}
+
+void DigestStream::written(int fd, long long offset, const char* data, size_t size) {
+    if (size == 0) return;
+    const long long end = offset + (long long)size;
+    std::unique_lock<std::mutex> lock(m_lock);
+    if (m_stale) return;
+    // Bytes at a place already hashed, being hashed, or written before: the
+    // stream can no longer tell which bytes the file holds.
+    auto next = m_ahead.lower_bound(offset);
+    bool overlaps = offset < m_claimed || (next != m_ahead.end() && next->first < end);
+    if (next != m_ahead.begin() && std::prev(next)->second > offset) overlaps = true;
+    if (overlaps) {
+        m_stale = true;
+        return;
+    }
+    if (m_busy || offset != m_hashed) {
+        m_ahead.emplace(offset, end);
+        return;
+    }
+    // These bytes extend the prefix: hash them while they are in memory.
+    m_busy = true;
+    m_claimed = end;
+    lock.unlock();
+    EVP_DigestUpdate(m_context, data, size);
+    lock.lock();
+    m_hashed = end;
+    followPrefix(lock, fd);
+}
+
+// With the lock held and m_busy set: takes in the pieces other workers wrote
+// just ahead of the prefix, reading them back from the file.
+void DigestStream::followPrefix(std::unique_lock<std::mutex>& lock, int fd) {
+    while (!m_stale && !m_ahead.empty() && m_ahead.begin()->first == m_hashed) {
+        const long long from = m_hashed, to = m_ahead.begin()->second;
+        m_ahead.erase(m_ahead.begin());
+        m_claimed = to;
+        lock.unlock();
+        const bool read = hashFrom(fd, from, to);
+        lock.lock();
+        if (!read) m_stale = true;
+        m_hashed = to;
+    }
+    m_busy = false;
+}
+
+bool DigestStream::hashFrom(int fd, long long from, long long to) {
+    char block[kCatchUpBlock];
+    while (to < 0 || from < to) {
+        size_t want = to < 0 || to - from > (long long)kCatchUpBlock ? kCatchUpBlock : (size_t)(to - from);
+        ssize_t got = pread(fd, block, want, from);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return false;
+        if (got == 0) return to < 0;  // the end of the file
+        EVP_DigestUpdate(m_context, block, (size_t)got);
+        from += got;
+    }
+    return true;
+}
+
+std::string DigestStream::finish(const std::string& path) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_context == nullptr) return std::string();
+    // The workers are done with this file: everything ahead is on disk.
+    struct stat info;
+    const bool present = stat(path.c_str(), &info) == 0;
+    if (!present) return std::string();
+    if (info.st_size < m_hashed) m_stale = true;  // cut short behind the batch
+    int fd = -1;
+    if (m_stale || info.st_size > m_hashed) {
+        fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) return std::string();
+    }
+    bool read = true;
+    if (m_stale) {
+        m_rehashed = true;
+        EVP_DigestInit_ex(m_context, m_digest, nullptr);
+        read = hashFrom(fd, 0, -1);
+    } else if (fd >= 0) {
+        read = hashFrom(fd, m_hashed, -1);
+    }
+    if (fd >= 0) close(fd);
+    unsigned char value[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    EVP_DigestFinal_ex(m_context, value, &length);
+    EVP_MD_CTX_destroy(m_context);
+    m_context = nullptr;
+    return read ? hexDigest(value, length) : std::string();
+}

@@ -1,0 +1,61 @@
+// The digest of a batch file, computed while its bytes are written.
+//
+// A file cut into pieces is written by several workers at once, each piece
+// front to back. The digest can only take bytes in file order, so it follows
+// the file's contiguous prefix: whichever worker writes the bytes that extend
+// the prefix feeds them (from its buffer while they are at hand, and from the
+// file for bytes other pieces wrote ahead of it). When the last piece lands,
+// little or nothing is left to hash.
+//
+// Anything that breaks the picture (bytes written twice at one place, as when
+// a whole-file answer starts over, a read that fails, a file that changed
+// size behind the batch) makes the stream stale; the verification then hashes
+// the whole file from disk, as if nothing had been streamed.
+#ifndef WEBCHANNEL_BATCH_DIGEST_STREAM_H
+#define WEBCHANNEL_BATCH_DIGEST_STREAM_H
+
+#include <openssl/evp.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "http/body.h"
+
+class DigestStream : public BodyObserver {
+public:
+    // `stale`: the file already holds bytes written without a stream.
+    DigestStream(const EVP_MD* digest, bool stale);
+    ~DigestStream() override;
+    DigestStream(const DigestStream&) = delete;
+    DigestStream& operator=(const DigestStream&) = delete;
+
+    void written(int fd, long long offset, const char* data, size_t size) override;
+    // The lower-case hex digest of the whole file at `path`, reading from it
+    // only what was not streamed; empty when the file cannot be read. Once.
+    std::string finish(const std::string& path);
+    // Whether finish() had to hash the file from its first byte.
+    bool rehashed() const { return m_rehashed; }
+
+private:
+    bool hashFrom(int fd, long long from, long long to);  // [from, to) of the file; to < 0: to its end
+    void followPrefix(std::unique_lock<std::mutex>& lock, int fd);
+
+    std::mutex m_lock;
+    EVP_MD_CTX* m_context;
+    const EVP_MD* m_digest;
+    long long m_hashed = 0;                  // bytes [0, m_hashed) are in the digest
+    long long m_claimed = 0;                 // and [m_hashed, m_claimed) are being hashed now
+    std::map<long long, long long> m_ahead;  // written beyond the prefix: start -> end
+    bool m_busy = false;                     // a worker is feeding the digest
+    bool m_stale;
+    bool m_rehashed = false;
+};
+
+// Lower-case hex text of a digest value.
+std::string hexDigest(const unsigned char* value, unsigned length);
+// The lower-case hex digest of what `fd` holds from `from` to its end; a read
+// that fails ends it there, as the end of the file would.
+std::string hashDescriptor(int fd, const EVP_MD* digest, long long from = 0);
+
+#endif
