@@ -40,7 +40,7 @@ protected:
 
 TEST_F(ErrorDetail, EachFailureKeepsItsOwnCodeAndReasonOnlyWhenAskedFor) {
     const std::string tls = "https://127.0.0.1:" + std::to_string(server.port()) + "/x";
-    const std::string ftp = "ftp://127.0.0.1:" + std::to_string(closed.port()) + "/x";
+    const std::string ftp = "ftp://127.0.0.1:" + std::to_string(closed.port) + "/x";
     std::ofstream(dir + "/file") << "in the way";
     struct Row {
         std::string url, name;
