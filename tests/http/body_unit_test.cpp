@@ -92,4 +92,17 @@ TEST_F(Body, ChunksAtTheSizeOfAReadAreCarriedWholeOrWrittenAsTheyCome) {
     }
 }
 
+// The rest of a chunked body after its last chunk's size, for reuse of its connection: only a tail that ends
+// with its empty line inside the bytes at hand counts.
+TEST(ChunkedTail, EndsAfterTheEmptyLineThatFollowsTheTrailers) {
+    for (const auto& [text, end] : std::vector<std::pair<std::string, size_t>>{{"0\r\n\r\n", 5},
+                                                                               {"0;x=1\r\nSum: 1\r\n\r\nnext", 17},
+                                                                               {"0\n\n", 3},
+                                                                               {"0\r\n", 0},
+                                                                               {"0\r\nSum: 1\r\n", 0},
+                                                                               {"0\r\n\r", 0},
+                                                                               {"", 0}})
+        EXPECT_EQ(chunkedTailEnd(text.data(), text.size()), end) << text;
+}
+
 }  // namespace
