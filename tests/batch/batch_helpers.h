@@ -85,13 +85,6 @@ inline long long firstByte(const std::string& request, long long* last = nullptr
     return first;
 }
 
-// The path of the request target, absolute ("http://host/path") or not.
-inline std::string requestPath(const std::string& request) {
-    const size_t scheme = request.find("://");
-    const size_t start = scheme < request.find("\r\n") ? request.find('/', scheme + 3) : request.find(' ') + 1;
-    return request.substr(start, request.find(' ', start) - start);
-}
-
 // Answers as a range-capable server does (`whole`: always the whole file, with a 200), with `share` of the
 // asked bytes (at most `limit`) after the head. The body bytes sent, -1 when the client went away.
 inline long long serve(ServerConnection& c, const std::string& request, uint64_t seed, uint64_t size,

@@ -53,16 +53,19 @@ TEST_F(BadInput, ConfigurationAndSingleRequestsAnswerUnusableTextWithTheirCodes)
         EXPECT_STREQ(channel->resolveProxy(url.c_str()), "");  // direct
     const std::string file = dir + "/f";
     char body[] = "x";
-    for (const auto& [url, code] :
-         std::vector<std::pair<std::string, int>>{{"", kInvalidArgument},
-                                                  {"http://", kInvalidArgument},
-                                                  {"http:///path", kInvalidArgument},
-                                                  {"host..x/" + kCrLf, kInvalidArgument},
-                                                  {kNonAscii + "/x", kInvalidArgument},
-                                                  {kLong, kInvalidArgument},
-                                                  {"http://" + kLong + "..x/", kProxyUnusable},
-                                                  {"http://" + kNonAscii + "..x/", kProxyUnusable},
-                                                  {"http://h" + kCrLf + "..x/", kProxyUnusable}}) {
+    // Refused as they stand; then hosts that cannot be resolved.
+    const std::vector<std::string> urls = {"",
+                                           "http://",
+                                           "http:///path",
+                                           "host..x/" + kCrLf,
+                                           kNonAscii + "/x",
+                                           kLong,
+                                           "http://" + kLong + "..x/",
+                                           "http://" + kNonAscii + "..x/",
+                                           "http://h" + kCrLf + "..x/"};
+    for (size_t i = 0; i < urls.size(); ++i) {
+        const std::string& url = urls[i];
+        const int code = i < 6 ? kInvalidArgument : kProxyUnusable;
         for (const char* u : {url.c_str(), (const char*)nullptr}) {  // null is refused alike
             const int expected = u == nullptr ? kInvalidArgument : code;
             EXPECT_EQ(channel->httpGet(u, file.c_str()), expected) << url.substr(0, 40);

@@ -6,11 +6,9 @@
 
 namespace testsupport {
 
-// The peers of <WEBCHANNEL_TEST_ENV>/peers.env. nginx: HTTP on httpPort, HTTPS on 443 with a self-signed
-// certificate for "localhost", docroot `www` (/post answers a POST with "posted\n"); squid and tinyproxy:
-// forward proxies with Basic proxy authentication, CONNECT only to 443. In `www`: empty.bin, five.bin
-// ("hello"), k256m1.bin, k256.bin, k256p1.bin (256 KiB -1/0/+1), m1.bin (1 MiB), m40.bin (40 MiB),
-// small/f00000.bin .. f09999.bin (1 KiB).
+// The peers of <WEBCHANNEL_TEST_ENV>/peers.env: nginx (HTTP on httpPort, HTTPS on 443 for "localhost", POST to
+// /post answers "posted\n"), squid and tinyproxy (Basic proxy authentication, CONNECT to 443 only). `www` holds
+// empty.bin, five.bin ("hello"), k256m1/k256/k256p1.bin (256 KiB -1/0/+1), m1.bin, m40.bin, small/f00000.bin...
 struct Peers {
     int httpPort = 0, squidPort = 0, tinyproxyPort = 0;
     std::string squidUser, squidPassword, tinyproxyUser, tinyproxyPassword;

@@ -73,6 +73,12 @@ private:
 std::string httpResponse(int code, const std::string& body, const std::string& extraHeaders = "");
 // "<hex size>\r\n<data>\r\n" per non-empty chunk, then "0\r\n\r\n".
 std::string chunkedBody(const std::vector<std::string>& chunks);
+// The path a raw request asks for, also when its line names the absolute URL ("GET http://host/path ...").
+inline std::string requestPath(const std::string& request) {
+    const size_t scheme = request.find("://");
+    const size_t start = scheme < request.find("\r\n") ? request.find('/', scheme + 3) : request.find(' ') + 1;
+    return start > request.size() ? std::string() : request.substr(start, request.find(' ', start) - start);
+}
 
 }  // namespace testsupport
 

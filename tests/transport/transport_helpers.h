@@ -89,13 +89,6 @@ inline std::string hostOf(const ScriptServer& server) {
     return "127.0.0.1:" + std::to_string(server.port());
 }
 
-// The path a raw request asks for, also when its line names the absolute URL.
-inline std::string requestPath(const std::string& request) {
-    const size_t first = request.find(' '), second = request.find(' ', first + 1);
-    const std::string target = second == std::string::npos ? "" : request.substr(first + 1, second - first - 1);
-    return target.rfind("http://", 0) == 0 ? target.substr(std::min(target.find('/', 7), target.size())) : target;
-}
-
 // Answers every request of a connection with respond(request), at most `most` of them, then closes.
 inline ScriptServer::Handler serveEach(std::function<std::string(const std::string&)> respond, int most = 100) {
     return [respond, most](ServerConnection& connection) {
