@@ -12,7 +12,7 @@
 #   --runs N                  runs per tool, set and protocol (at least 3 are wanted)
 #   --sets big,medium,small   data sets to run
 #   --protocols http,https    protocols to run
-#   --tools LIST              of webget-sha256,webget,aria2c-sha256,aria2c,curl,wget2
+#   --tools LIST              of webget-sha256,library-sha256,webget,aria2c-sha256,aria2c,curl,wget2
 #   --no-micro                skip the micro-benchmarks
 #   --no-ceilings             skip iperf3, dd, openssl speed and the /dev/null fetches
 #
@@ -69,7 +69,7 @@ quick=0
 runs=""
 sets="big,medium,small"
 protocols="http,https"
-all_tools="webget-sha256,webget,aria2c-sha256,aria2c,curl,wget2"
+all_tools="webget-sha256,library-sha256,webget,aria2c-sha256,aria2c,curl,wget2"
 tools="$all_tools"
 do_micro=1
 do_ceilings=1
@@ -148,8 +148,8 @@ if [[ $(id -u) -eq 0 ]] && renice -n -10 -p $$ >/dev/null 2>&1; then priority="n
 
 log "building webget, the library and the micro-benchmarks"
 cmake -S . -B build -DWEBCHANNEL_BENCH=ON </dev/null >/dev/null
-cmake --build build -j2 --target webget webchannel micro </dev/null >/dev/null ||
-  die "the build failed (cmake --build build --target webget webchannel micro)"
+cmake --build build -j2 --target webget webchannel micro batch_host </dev/null >/dev/null ||
+  die "the build failed (cmake --build build --target webget webchannel micro batch_host)"
 webget="$root/build/tools/webget"
 micro="$root/build/bench/micro"
 [[ -x $webget && -x $micro ]] || die "webget or micro was not built"
@@ -348,6 +348,8 @@ tool_command() { # <tool> <set> <protocol>
   case $tool in
     webget-sha256 | webget)
       cmd=("$webget" -q -j 8 -i "$input" -d "$dl") ;;
+    library-sha256)
+      cmd=("$root/build/bench/batch_host" "$inputs/$set-$proto.webget-sha256" "$dl") ;;
     aria2c-sha256 | aria2c)
       # falloc: aria2's own advice for ext4 (its default, prealloc, costs
       # about 20% on the big file here). --auto-save-interval=0: by default
@@ -458,6 +460,7 @@ bench_seconds=$((SECONDS - bench_start))
 tool_label() {
   case $1 in
     webget-sha256) echo "webget -j8 +sha256" ;;
+    library-sha256) echo "library alone, 8 workers +sha256" ;;
     webget) echo "webget -j8 (no digest)" ;;
     aria2c-sha256) echo "aria2c -x8 +sha256" ;;
     aria2c) echo "aria2c -x8" ;;
