@@ -288,6 +288,9 @@ Stop judgeStatus(Attempt& a, ConnectionLease& lease) {
                             a.conn->location.c_str());
         lease.keepIf(a.leftOnWire() == 0);
         a.attempts = redirectedAttempts(a.attempts);
+        // A size probe takes the length of the answer that ends the chain: a
+        // redirect's own body length says nothing about the file.
+        if (a.file.empty()) atomicStore(a.channel.m_responseLength, -1LL);
         return kRepeat;
     }
     if (a.code < 300 && a.job != nullptr && atomicLoad(a.job->size) == 0) {
@@ -318,6 +321,25 @@ Stop planBody(Attempt& a, Body& body) {
         if (body.remaining < 0) body.remaining = 0;
     }
     return std::nullopt;
+}
+
+// A partial answer is written only where it says it belongs: its range must
+// start at the byte asked for and end within the piece. An answer without a
+// range, with one that does not parse, or for another place costs an attempt
+// and none of its bytes reach the target.
+Stop checkRange(Attempt& a, ConnectionLease& lease) {
+    if (!a.ranged || a.code != 206) return std::nullopt;
+    long long first = -1, last = -1, total = -1;
+    if (a.head.contentRangeSeen && parseContentRange(a.head.contentRange, first, last, total) &&
+        first == a.job->start && last <= a.job->end)
+        return std::nullopt;
+    if (webChannel::logging())
+        webChannel::log(
+            "VRAXSecureWebChannel::httpGet(thread %d, file %s): content range '%.*s' is not bytes %lld-%lld", a.thread,
+            a.target, (int)a.head.contentRange.size(), a.head.contentRange.data(), a.job->start, a.job->end);
+    lease.drop();
+    ++a.attempts;
+    return kRepeat;
 }
 
 // Opens the target and places it at this piece's offset.
@@ -483,6 +505,7 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
 
     Body body;
     if (Stop stop = planBody(a, body)) return *stop;
+    if (Stop stop = checkRange(a, lease)) return *stop;
     TargetFile out;
     if (Stop stop = openTarget(a, body, out)) return *stop;
     streamBody(a, body, out.get());

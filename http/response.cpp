@@ -58,8 +58,8 @@ struct Line {
 Line lineAt(std::string_view text, size_t start) {
     size_t feed = text.find('\n', start);
     size_t end = feed == std::string_view::npos ? text.size() : feed;
-    while (end > start && (text[end - 1] == ' ' || text[end - 1] == '\r' || text[end - 1] == '\t' ||
-                           text[end - 1] == '\n'))
+    while (end > start &&
+           (text[end - 1] == ' ' || text[end - 1] == '\r' || text[end - 1] == '\t' || text[end - 1] == '\n'))
         --end;
     Line line;
     line.text = text.substr(start, end - start);
@@ -101,6 +101,11 @@ void parseResponseHead(std::string_view text, bool captureCookies, ResponseHead&
         static constexpr std::string_view kTransferEncoding = "transfer-encoding: ";
         static constexpr std::string_view kSetCookie = "set-cookie: ";
         static constexpr std::string_view kLocation = "location: ";
+        static constexpr std::string_view kContentRange = "content-range: ";
+        if (startsWithNoCase(line.text, kContentRange)) {
+            head.contentRange = line.text.substr(kContentRange.size());
+            head.contentRangeSeen = true;
+        }
         if (startsWithNoCase(line.text, kContentLength)) {
             head.contentLength = leadingNumber(line.text.substr(kContentLength.size()));
             head.contentLengthSeen = true;
@@ -119,6 +124,42 @@ void parseResponseHead(std::string_view text, bool captureCookies, ResponseHead&
         position = line.next;
     }
     head.headerLengthSet = true;
+}
+
+namespace {
+
+// Reads the decimal number at the start of `text` into `value` and drops it
+// from `text`; false when there is none or it does not fit.
+bool takeNumber(std::string_view& text, long long& value) {
+    size_t digits = 0;
+    value = 0;
+    for (; digits < text.size() && text[digits] >= '0' && text[digits] <= '9'; ++digits) {
+        if (value > (LLONG_MAX - 9) / 10) return false;
+        value = value * 10 + (text[digits] - '0');
+    }
+    text.remove_prefix(digits);
+    return digits > 0;
+}
+
+bool takeChar(std::string_view& text, char c) {
+    if (text.empty() || text[0] != c) return false;
+    text.remove_prefix(1);
+    return true;
+}
+
+}  // namespace
+
+bool parseContentRange(std::string_view value, long long& first, long long& last, long long& total) {
+    if (!startsWithNoCase(value, "bytes ")) return false;
+    value.remove_prefix(6);
+    if (!takeNumber(value, first) || !takeChar(value, '-') || !takeNumber(value, last) || !takeChar(value, '/'))
+        return false;
+    if (value == "*") {
+        total = -1;
+    } else if (!takeNumber(value, total) || !value.empty() || total <= last) {
+        return false;
+    }
+    return last >= first;
 }
 
 long long findHeadEnd(std::string_view text) {
@@ -163,8 +204,7 @@ int webChannel::parseHttpResponseHeader(std::string_view header, int& code, long
     parseResponseHead(header, hasParam(kParamCookieCapture), head);
     if (details != nullptr) *details = head;
     if (head.result == kMalformedResponse) {
-        if (logging())
-            log("VRAXSecureWebChannel::parseHttpResponseHeader:\n%.*s\n", (int)header.size(), header.data());
+        if (logging()) log("VRAXSecureWebChannel::parseHttpResponseHeader:\n%.*s\n", (int)header.size(), header.data());
         return kMalformedResponse;
     }
     code = head.code;

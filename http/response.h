@@ -14,16 +14,23 @@ struct ResponseHead {
     bool headerLengthSet = false;  // false when parsing stopped at a redirect's location
     long long contentLength = 0;   // last "content-length" value
     bool contentLengthSeen = false;
-    bool locationSeen = false;     // a 3xx "location" ended the parse
+    bool locationSeen = false;  // a 3xx "location" ended the parse
     std::string_view location;
-    bool cookieSeen = false;       // only when cookie capture is on
-    std::string_view cookie;       // the last "set-cookie" value
+    bool cookieSeen = false;  // only when cookie capture is on
+    std::string_view cookie;  // the last "set-cookie" value
+    bool contentRangeSeen = false;
+    std::string_view contentRange;  // the last "content-range" value
 };
+
+// A "content-range" value of a partial answer, "bytes FIRST-LAST/TOTAL" (TOTAL
+// may be "*"): false unless it has exactly that form with LAST >= FIRST and a
+// TOTAL beyond LAST; `total` is -1 for "*".
+bool parseContentRange(std::string_view value, long long& first, long long& last, long long& total);
 
 // Parses `text` (the received bytes up to the first NUL) the way the channel
 // reads every response: status code between the first two blanks, then the
 // lines up to the first empty one, matching "content-length: ",
-// "transfer-encoding: ", "set-cookie: " (with captureCookies) and, for a
+// "transfer-encoding: ", "content-range: ", "set-cookie: " (with captureCookies) and, for a
 // 3xx status, "location: ", which ends the parse at once.
 void parseResponseHead(std::string_view text, bool captureCookies, ResponseHead& head);
 

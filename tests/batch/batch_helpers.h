@@ -30,7 +30,9 @@ inline bool eventually(const std::function<bool()>& condition, int millis = 5000
     return true;
 }
 
-inline double secondsSince(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+inline double secondsSince(Clock::time_point t) {
+    return std::chrono::duration<double>(Clock::now() - t).count();
+}
 
 inline uint64_t mix(uint64_t x) {
     x += 0x9e3779b97f4a7c15ULL;
@@ -92,7 +94,9 @@ inline long long serve(ServerConnection& c, const std::string& request, uint64_t
     long long last = (long long)size - 1, first = whole ? -1 : firstByte(request, &last);
     const long long from = std::max(first, 0LL), count = std::min(last, (long long)size - 1) - from + 1;
     const long long body = std::min((long long)(count * share), limit);
-    bool ok = c.send(std::string(first >= 0 ? "HTTP/1.1 206 Partial Content" : "HTTP/1.1 200 OK") +
+    const std::string range = "\r\nContent-Range: bytes " + std::to_string(from) + "-" +
+                              std::to_string(from + count - 1) + "/" + std::to_string(size);
+    bool ok = c.send(std::string(first >= 0 ? "HTTP/1.1 206 Partial Content" + range : "HTTP/1.1 200 OK") +
                      "\r\nContent-Length: " + std::to_string(count) + "\r\n\r\n");
     for (long long at = 0; ok && at < body; at += 1 << 20)
         ok = c.send(generated(seed, (uint64_t)(from + at), (size_t)std::min<long long>(body - at, 1 << 20)));

@@ -31,7 +31,9 @@ TEST_P(PiecesAcrossBatches, TheFileIsVerifiedOnceWholeAndOnlyThenHandedOut) {
                         std::string part = generated(seed, (uint64_t)first, (size_t)(last - first + 1));
                         if (attempt == 2) eventually([&] { return errorCodeNow(channel) != 0; }, 300);
                         if (attempt == 2 && GetParam()) part[part.size() / 2] ^= 0x01;
-                        return c.send(httpResponse(206, part));
+                        return c.send(httpResponse(206, part,
+                                                   "Content-Range: bytes " + std::to_string(first) + "-" +
+                                                       std::to_string(last) + "/" + std::to_string(size)));
                     }}});
     init(channel, 2);
     add(channel, server.url("/f"), "/f", seed, size);
@@ -141,6 +143,37 @@ TEST_F(Faults, AWholeFileAnswerThatStartsOverIsVerifiedFromDisk) {
     EXPECT_EQ(channel.m_filesRehashed, 1);
 }
 
+// A partial answer without a range, with one that does not parse, or for another place is never written: the
+// piece is asked for again from the same byte after a counted pause, and then arrives whole.
+TEST_F(Faults, APartialAnswerForAnotherPlaceIsNeverWrittenAndCostsAnAttempt) {
+    LogCapture log;
+    const std::pair<std::string, std::string> wrong[] = {{"/missing", ""},
+                                                         {"/garbled", "Content-Range: bytes 0-x/1000\r\n"},
+                                                         {"/elsewhere", "Content-Range: bytes 500-999/1000\r\n"}};
+    std::map<std::string, Routes::Route> routes;
+    for (const auto& [path, range] : wrong)
+        routes[path] = [range = range](ServerConnection& c, const std::string& request, int attempt) {
+            if (attempt > 0) return serve(c, request, 80, 1000) >= 0;
+            return c.send("HTTP/1.1 206 Partial Content\r\n" + range + "Content-Length: 1000\r\n\r\n" +
+                          std::string(1000, '!')),
+                   false;
+        };
+    Routes server(routes);
+    webChannel channel;
+    init(channel, 3);
+    for (const auto& [path, range] : wrong) add(channel, server.url(path), path, 80, 1000);
+    EXPECT_EQ(channel.httpMultiGet(true), 0);
+    EXPECT_EQ(handedOut(channel), (Ints{0, 1, 2}));
+    for (const auto& [path, range] : wrong) {
+        const std::vector<std::string> requests = server.requestsFor(path);
+        ASSERT_EQ(requests.size(), 2u) << path;
+        EXPECT_EQ(firstByte(requests[1]), 0) << path << ": bytes of the wrong answer were kept";
+        EXPECT_TRUE(fileHoldsGenerated(dir + path, 80, 1000)) << path;
+    }
+    EXPECT_EQ(countLines(log.text(), kCountedRepeat), 3);
+    EXPECT_EQ(channel.m_filesRehashed, 0);
+}
+
 // Malformed answers, absurd lengths, broken chunk framing and bad redirects, each for one job of a two-worker
 // batch whose other job is served correctly. "BASE" stands for the server's URL. After sending, the server
 // closes, waits for the client to give up, or reads on.
@@ -155,7 +188,8 @@ struct BadAnswer {
     bool sizeUnknown = false;  // added in unknown-size mode: asked for without a Range
 };
 
-const std::string kPartial = "HTTP/1.1 206 Partial Content\r\n", kFound = "HTTP/1.1 302 Found\r\nContent-Length: 0\r\n";
+const std::string kPartial = "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-4/5\r\n",
+                  kFound = "HTTP/1.1 302 Found\r\nContent-Length: 0\r\n";
 const std::string kChunked = kPartial + "Transfer-Encoding: chunked\r\n\r\n";
 const std::string kGiant = "Content-Length: 99999999999999999999\r\n";
 

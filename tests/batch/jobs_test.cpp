@@ -68,18 +68,28 @@ TEST_F(Jobs, RemoveJobTakesTheJobOutOfTheListAndTheThreadsAndTheHandOutFollows) 
 }
 
 // Size 0: the size comes from a probe that reads the head only and drops its connection; the pieces are
-// fetched on connections of their own (a probe that finds no size: ErrorDetail). Unknown-size mode does not
-// probe. Without a digest a file in pieces is checked against the size of the piece that finished last: a
-// mismatch, and the file is not handed out.
+// fetched on connections of their own. A redirect's own length is no size (a probe that finds none:
+// ErrorDetail). Unknown-size mode does not probe. Without a digest a file in pieces is checked against the size
+// of the piece that finished last: a mismatch, and the file is not handed out.
 TEST_F(Jobs, ASizeProbeReadsTheHeadOnlyAndDropsItsConnection) {
     const uint64_t size = 2 << 20;
     std::atomic<bool> probeClosed{false};
+    std::string base;
     ScriptServer server([&](ServerConnection& c) {
         for (std::string request; !(request = c.readRequest()).empty();) {
+            if (requestPath(request) == "/moved") {  // a redirect's own length is no size
+                c.send("HTTP/1.1 302 Found\r\nContent-Length: 50\r\nLocation: " + base + "/chunked\r\n\r\n" +
+                       std::string(50, 'm'));
+                continue;
+            }
+            if (requestPath(request) == "/chunked")
+                return (void)c.send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n");
             if (firstByte(request) < 0) return (void)(serve(c, request, 3, size), probeClosed = c.stall(5));
             if (serve(c, request, 3, size) < 0) return;
         }
     });
+    base = server.url("");
+    job(channel, server.url("/moved"), "/moved", 0, "", nullptr, kInvalidArgument);
     job(channel, server.url("/p"), "/p", 0);
     ASSERT_EQ(channel.m_httpGetJobs.size(), 1u);
     EXPECT_EQ(channel.m_httpGetJobs[0].size, (long long)size);
