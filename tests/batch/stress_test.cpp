@@ -55,9 +55,6 @@ TEST_F(Stress, SixtyFourWorkersFinishTwoThousandFilesAndALargeFileWhileATenthOfC
         for (int index : handedOut(channel)) EXPECT_TRUE(handed.insert(index).second) << "handed out twice: " << index;
     }
     channel.close();
-    std::printf("[ STRESS   ] %llu MiB and %d files: %d batch(es), %.1f s, %d connections, %d reset\n",
-                (unsigned long long)(sizeOf(-1) >> 20), kFiles, batches, secondsSince(start), server.connections(),
-                resets.load());
     EXPECT_TRUE(pending == 0 && handed.size() == kFiles + 1u && resets.load() > 0);
     EXPECT_LT(secondsSince(start), 240.0);
     std::set<long long> pieceEnds;  // of the large file, asked for in many pieces

@@ -78,22 +78,12 @@ TEST(HeadEnd, TheInMemoryBodyStartsWithTheSeparatorAndNeedsTheEndOfTheHead) {
 }
 
 TEST(ContentRange, IsReadOnlyInItsExactForm) {
-    for (const auto& [text, parsed, first, last, total] : std::vector<std::tuple<std::string, bool, int, int, int>>{
-             {"bytes 0-4/5", true, 0, 4, 5},
-             {"BYTES 10-19/*", true, 10, 19, -1},
-             {"bytes 5-4/10", false, 5, 4, 10},
-             {"bytes 0-9/9", false, 0, 9, 9},
-             {"bytes 0-x/5", false, 0, 0, 0},
-             {"bytes 0-4/5 ", false, 0, 4, 5},
-             {"bytes -4/5", false, 0, 0, 0},
-             {"items 0-4/5", false, 0, 0, 0},
-             {"bytes 0-99999999999999999999/*", false, 0, 0, 0}}) {
-        long long a = -2, b = -2, t = -2;
-        EXPECT_EQ(parseContentRange(text, a, b, t), parsed) << text;
-        if (parsed) {
-            EXPECT_EQ(std::make_tuple(a, b, t), std::make_tuple((long long)first, (long long)last, (long long)total));
-        }
-    }
+    long long a = 0, b = 0, t = 0;
+    EXPECT_TRUE(parseContentRange("bytes 0-4/5", a, b, t) && a == 0 && b == 4 && t == 5);
+    EXPECT_TRUE(parseContentRange("BYTES 10-19/*", a, b, t) && a == 10 && b == 19 && t == -1);
+    for (const char* bad : {"bytes 5-4/10", "bytes 0-9/9", "bytes 0-x/5", "bytes 0-4/5 ", "bytes -4/5", "items 0-4/5",
+                            "bytes 0-99999999999999999999/*"})
+        EXPECT_FALSE(parseContentRange(bad, a, b, t)) << bad;
 }
 
 }  // namespace
