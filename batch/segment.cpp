@@ -137,6 +137,7 @@ struct Body {
     int dumped = kOk;
     bool resetSeen = false;
     bool closedByPeer = false;
+    std::string writeError;  // the system's words when writing the target failed
     // Without a job the bytes are counted on a scratch record.
     httpGetJob scratch;
     httpGetJob* sink = nullptr;
@@ -168,7 +169,12 @@ Stop beginAttempt(Attempt& a) {
     // left behind is no reason for this one.
     webChannel::forgetFailure();
     if (a.attempts >= kMaxAttempts) return kTooManyAttempts;
-    if (a.channel.isCancelled()) return kCancelled;
+    // A single GET into a file sends nothing while the channel is in its
+    // error state (a worker of the last batch holds a failure, until close()
+    // or a clean batch). Batch workers stop only on a cancel, so that one
+    // failed job leaves the other workers going; the size probe goes on too.
+    const bool singleGet = a.record == nullptr && !a.file.empty();
+    if (singleGet ? a.channel.isError() : a.channel.isCancelled()) return kCancelled;
     return std::nullopt;
 }
 
@@ -408,7 +414,7 @@ void report(Attempt& a, Body& body) {
 // asks to stop or the batch is cancelled.
 void streamBody(Attempt& a, Body& body, FILE* out) {
     body.dumped = deliver(a, body, out, a.bodyStart, a.received);
-    if (body.dumped == kFileWrite) fileFailure();
+    if (body.dumped == kFileWrite) body.writeError = webChannel::systemText(errno);
     report(a, body);
     body.lastRead = a.received;
     while (body.dumped == kOk && body.wantsMore() && body.lastReport >= 0 && !a.channel.isCancelled()) {
@@ -424,7 +430,7 @@ void streamBody(Attempt& a, Body& body, FILE* out) {
         }
         body.lastRead = got;
         body.dumped = deliver(a, body, out, 0, body.offset + got);
-        if (body.dumped == kFileWrite) fileFailure();
+        if (body.dumped == kFileWrite) body.writeError = webChannel::systemText(errno);
         report(a, body);
     }
     // A body delimited by the server closing ends with that close.
@@ -458,14 +464,13 @@ int incomplete(Attempt& a, Body& body, ConnectionLease& lease, long long written
             "downloaded %lld bytes with code %d, %lld bytes remaining",
             a.thread, a.target, written, body.lastRead, body.remaining);
     lease.drop();  // whatever is left of the response is unusable
-    if (body.dumped != kOk) return body.dumped;
-    if (body.lastRead == -1 && body.resetSeen) {
+    if (body.dumped == kOk && body.lastRead == -1 && body.resetSeen) {
         // A reset that cut a piece costs an attempt only when it brought nothing.
         if (written == 0) ++a.attempts;
         return kRepeat;
     }
     const bool cancelled = a.channel.isCancelled();
-    if (body.lastRead == -2) {
+    if (body.dumped == kOk && body.lastRead == -2) {
         a.channel.m_incomplete[a.thread] = 1;
         ++a.attempts;
         if (webChannel::logging())
@@ -477,6 +482,11 @@ int incomplete(Attempt& a, Body& body, ConnectionLease& lease, long long written
         webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): isError: %d handled: %d", a.thread,
                         a.target, cancelled, (int)body.lastReport);
     if (body.closedByPeer) webChannel::noteFailure(kReadFailed, "connection closed before the body was complete");
+    // A body that writing or decoding cut short ended early like any other:
+    // -3051, not repeated. What failed stays the detail of the error.
+    if (body.dumped == kFileWrite) webChannel::noteFailure(kReadFailed, body.writeError, kFileWrite);
+    if (body.dumped != kOk && body.dumped != kFileWrite)
+        webChannel::noteFailure(kReadFailed, resultText(body.dumped), body.dumped);
     return cancelled || body.lastReport < 0 ? kCancelled : kReadFailed;
 }
 
@@ -509,7 +519,10 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
     TargetFile out;
     if (Stop stop = openTarget(a, body, out)) return *stop;
     streamBody(a, body, out.get());
-    if (!out.close() && body.dumped == kOk) body.dumped = fileFailure();  // buffered bytes that could not be written
+    if (!out.close() && body.dumped == kOk) {  // buffered bytes that could not be written
+        body.dumped = kFileWrite;
+        body.writeError = webChannel::systemText(errno);
+    }
     const long long written = body.writtenHere();
     if (job != nullptr) job->start += written;
     if (body.dumped == kOk && body.remaining == 0) return complete(a, body, lease, written);

@@ -133,7 +133,10 @@ Stop readAnswer(webChannel& channel, ConnectionLease& lease, webChannel::connect
 
 int webChannel::httpGetResponse(connection*& conn, std::string url, int& attempts) {
     if (attempts >= kMaxMemoryAttempts) return kTooManyAttempts;
-    if (isCancelled()) return kCancelled;
+    // While a worker of the last batch holds a failure (until close() or a
+    // clean batch) the channel is in its error state, and a single GET sends
+    // nothing.
+    if (isError()) return kCancelled;
     if (refusesScheme(url)) return kInvalidArgument;
     std::string host, port, path;
     bool parsed = parseURL(url, nullptr, host, port, path, nullptr);
