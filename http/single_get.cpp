@@ -62,7 +62,10 @@ int webChannel::httpGet(const char* url) {
             result = kTooManyAttempts;
     } while (result == kRepeat);
     releaseRetired();
-    if (result < 0) setError(result);
+    // The result is returned, not stored: the error state holds what the
+    // layers below stored (a connection's failure), as hosts of the
+    // in-memory GET read it. Error detail, when asked for, keeps the result.
+    if (result < 0 && hasParam(kParamErrorDetail)) setError(result);
     return result;
 }
 
