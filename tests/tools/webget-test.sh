@@ -48,6 +48,15 @@ check "manifest batch over HTTP and HTTPS" 0 'all verified' -- -j 4 -i batch.txt
 for f in big/m40.bin:m40.bin m1.bin:m1.bin k256p1.bin:k256p1.bin f7.bin:small/f00007.bin empty.bin:empty.bin; do
   same "got/${f%%:*}" "$WWW/${f#*:}"
 done
+# --json: standard output holds the account alone, one entry per job in order; file lines go to stderr.
+mkdir -p js && cp "$WWW/m1.bin" js/ && printf '%s\n' "$http/five.bin five.bin 5" "$http/nope.bin nope.bin 5" \
+  "$https/m1.bin m1.bin 1048576 $(digest m1.bin)" >json.txt
+check "--json accounts for every job" 1 '^downloaded js/five.bin' -- -j 3 --json -i json.txt -d js
+entry='\{"url":"[^"]+","target":"js/' totals='"files":3,"downloaded":1,"up_to_date":1,"failures":1,"bytes":5'
+grep -qxE "\{\"totals\":\{$totals,\"seconds\":[0-9.]+\},\"jobs\":\[${entry}five.bin\",\"size\":5,\"algorithm\":null,\
+\"verified\":true,\"result\":0,\"skipped\":false\},${entry}nope.bin\",\"size\":5,\"algorithm\":null,\"verified\":false,\
+\"result\":-3052,\"skipped\":false\},${entry}m1.bin\",\"size\":1048576,\"algorithm\":\"sha256\",\"verified\":true,\
+\"result\":3001,\"skipped\":true\}\]\}" out.txt && [[ $(wc -l <out.txt) == 1 ]] || fail "--json: not the account alone"
 echo "$http/m1.bin bad/m1.bin 1048576 $(printf '%064d' 0)" >wrong.txt
 check "a failure names code, words and file" 1 -3061 'size or digest mismatch' bad/m1.bin -- -i wrong.txt -d failing
 

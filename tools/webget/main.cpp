@@ -36,7 +36,8 @@ int gatherJobs(Options& options, std::vector<Job>& jobs) {
     for (size_t i = 0; i < options.urls.size(); ++i) {
         Job job;
         job.url = options.urls[i];
-        job.target = joinPath(options.directory, urlBasename(job.url));
+        job.name = urlBasename(job.url);
+        job.target = joinPath(options.directory, job.name);
         job.origin = "argument " + std::to_string(i + 1);
         jobs.push_back(job);
     }
@@ -70,7 +71,8 @@ int main(int argc, char** argv) {
         }
         status = configureChannel(handle.channel, options);
         if (status < 0) {
-            if (batch) status = jobs.empty() ? kExitOk : runBatch(handle.channel, options, jobs);
+            // An empty batch still owes its (empty) JSON account.
+            if (batch) status = jobs.empty() && !options.json ? kExitOk : runBatch(handle.channel, options, jobs);
             else if (options.toStdout) status = runGetToStdout(handle.channel, options);
             else if (options.post) status = runPost(handle.channel, options);
             else status = runGetToFile(handle.channel, options);

@@ -50,6 +50,7 @@ int parseJob(const Options& options, const std::vector<std::string>& words, cons
     if (words.size() > 5) return bad("too many fields (a '#' starts a comment)");
     job.url = words[0];
     job.target = joinPath(options.directory, words[1]);
+    job.name = words[1];
     job.origin = where;
     if (words.size() >= 3 && !parseInt(words[2], 0, LLONG_MAX, job.size)) return bad("bad size '" + words[2] + "'");
     if (words.size() >= 4 && words[3] != "-") {

@@ -41,6 +41,7 @@ enum OptionId : int {
     kOptKeepCookies,
     kOptUnknownSize,
     kOptLibrary,
+    kOptJson,
 };
 
 struct OptionDoc {
@@ -94,6 +95,12 @@ const OptionDoc kOptions[] = {
      "Load the library from PATH (also: environment variable WEBGET_LIBRARY). Default: ../libwebchannel.so "
      "or libwebchannel.so next to the program, then the installed library."},
     {"quiet", kOptQuiet, nullptr, "No progress, no file list, no summary: only errors."},
+    {"json", kOptJson, nullptr,
+     "Batches: print the batch's account as one JSON object on standard output at the end, and nothing else "
+     "there (the file lines go to standard error): \"totals\" (files, downloaded, up_to_date, failures, bytes "
+     "downloaded, seconds) and \"jobs\", one entry per listed job in its order (url, target, size, algorithm or "
+     "null, verified, result: the library's code, 0 for a verified download, 3001 for a target skipped as "
+     "already holding its digest; skipped). The exit status is unchanged."},
     {"help", kOptHelp, nullptr, "Show this help and exit."},
     {"version", kOptVersion, nullptr, "Show the version and exit."},
 };
@@ -125,11 +132,12 @@ void printHelp(FILE* out) {
             "\n"
             "Batches run on worker threads; large files are cut into byte ranges shared by the\n"
             "workers, and every finished file is verified by its digest or its size. Each\n"
-            "finished file is printed on standard output ('downloaded TARGET'); a target that\n"
-            "already holds the expected digest is skipped ('up to date TARGET'). A job the library\n"
-            "refuses (no size from the server, target not writable) is reported and the batch\n"
-            "goes on without it. Progress goes to standard error: a live bar on a terminal, a\n"
-            "plain line every 2 s otherwise. Ctrl-C cancels the batch cleanly (twice: at once).\n"
+            "finished file is printed on standard output ('downloaded TARGET'; on standard\n"
+            "error with --json); a target that already holds the expected digest is skipped\n"
+            "('up to date TARGET'). A job the library refuses (no size from the server, target\n"
+            "not writable) is reported and the batch goes on without it. Progress goes to\n"
+            "standard error: a live bar on a terminal, a plain line every 2 s otherwise.\n"
+            "Ctrl-C cancels the batch cleanly (twice: at once).\n"
             "\n"
             "Options:\n",
             gProgram);
@@ -271,6 +279,7 @@ int takeOption(int id, const std::string& value, Options& options, char** argv) 
     case kOptLog: options.logFile = value; break;
     case kOptLibrary: options.library = value; break;
     case kOptQuiet: options.quiet = true; break;
+    case kOptJson: options.json = true; break;
     case kOptHelp: printHelp(stdout); return kExitOk;
     case kOptVersion: printf("%s %s\n", gProgram, WEBGET_VERSION); return kExitOk;
     default: return refuseOption(argv);
@@ -289,8 +298,9 @@ int checkModes(const Options& options) {
         return usage("%s", "-o, -O and --post take exactly one URL");
     if (modes == 0 && options.urls.empty()) return usage("%s", "nothing to do: give URLs or -i MANIFEST");
     if (!options.headers.empty() && !options.post) return usage("%s", "-H only applies to --post");
-    if (options.directoryGiven && (!options.output.empty() || options.toStdout || options.post))
-        return usage("%s", "-d only applies to batches");
+    const bool single = !options.output.empty() || options.toStdout || options.post;
+    if (options.directoryGiven && single) return usage("%s", "-d only applies to batches");
+    if (options.json && single) return usage("%s", "--json only applies to batches");
     return -1;
 }
 
