@@ -60,12 +60,24 @@ grep -qxE "\{\"totals\":\{$totals,\"seconds\":[0-9.]+\},\"jobs\":\[${entry}five.
 echo "$http/m1.bin bad/m1.bin 1048576 $(printf '%064d' 0)" >wrong.txt
 check "a failure names code, words and file" 1 -3061 'size or digest mismatch' bad/m1.bin -- -i wrong.txt -d failing
 
+# --shard: three processes share one manifest of 60 sized jobs, disjoint and complete, each file verified by its
+# digest; balanced by bytes, m1.bin (1 MiB) is a share alone, and 56 KiB of small files join k256p1.bin.
+for f in m1.bin k256p1.bin k256.bin k256m1.bin small/f000{00..55}.bin; do
+  echo "$http/$f sh/$f $(stat -c %s "$WWW/$f") $(digest "$f")"
+done >shard.txt
+before=$failures pids=() && for k in 0 1 2; do "$webget" --shard "$k/3" -i shard.txt >"share$k.txt" 2>&1 </dev/null & pids+=($!); done
+for k in 0 1 2; do wait "${pids[k]}" || fail "--shard $k/3: status $?"; done
+[[ $(cat share?.txt | grep '^downloaded sh/' | sort -u | wc -l) == 60 ]] || fail "--shard: not 60 distinct files"
+[[ $(grep -c '^downloaded' share0.txt share1.txt share2.txt | tr '\n' ' ') == "share0.txt:1 share1.txt:57 share2.txt:2 " ]] &&
+  grep -q 'sh/m1.bin' share0.txt && grep -q 'sh/k256p1.bin' share1.txt || fail "--shard: not the byte-balanced plan"
+((failures == before)) && echo "ok   --shard"
 check "single GET to stdout" 0 '^hello$' -- -O - "$http/five.bin"
 check "single GET to a file over HTTPS" 0 -- -o whole.bin "$https/m1.bin" && same whole.bin "$WWW/m1.bin"
 # A header of the user's own goes along with webget's own "Connection: close".
 check "--post prints the answer" 0 '^posted$' -- -T 1 --post 'name=value' -H 'X-Test: 1' "$http/post"
 
 check "bad option value" 2 'worker count' -- -j 0 "$http/five.bin"
+check "bad share" 2 "bad share '3/3'" -- --shard 3/3 -i shard.txt
 check "unknown option" 2 -- --no-such-option
 echo "only-one-field" >broken.txt
 check "bad manifest line" 2 'broken.txt:1' -- -i broken.txt

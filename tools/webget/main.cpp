@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <memory>
 
+#include "shard.h"
 #include "webget.h"
 
 namespace webget {
@@ -44,6 +45,23 @@ int gatherJobs(Options& options, std::vector<Job>& jobs) {
     return -1;
 }
 
+// Keeps this process's share of the jobs (--shard I/N). Every process
+// plans from the whole list, so the shares agree without talking.
+void keepShare(const Options& options, std::vector<Job>& jobs) {
+    if (options.shardCount <= 1) return;
+    std::vector<long long> sizes;
+    std::vector<std::string> names;
+    for (const Job& job : jobs) {
+        sizes.push_back(job.size);
+        names.push_back(job.name);
+    }
+    const std::vector<unsigned long> share = planShares(sizes, names, options.shardCount);
+    std::vector<Job> kept;
+    for (size_t i = 0; i < jobs.size(); ++i)
+        if (share[i] == options.shardIndex) kept.push_back(jobs[i]);
+    jobs.swap(kept);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -54,6 +72,7 @@ int main(int argc, char** argv) {
     std::vector<Job> jobs;
     bool batch = options.output.empty() && !options.toStdout && !options.post;
     if (batch && (status = gatherJobs(options, jobs)) >= 0) return status;
+    keepShare(options, jobs);
 
     Library library;
     if (!loadLibrary(options, library)) return kExitUsage;

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "shard.h"
 #include "webget.h"
 
 #ifndef WEBGET_VERSION
@@ -42,6 +43,7 @@ enum OptionId : int {
     kOptUnknownSize,
     kOptLibrary,
     kOptJson,
+    kOptShard,
 };
 
 struct OptionDoc {
@@ -101,6 +103,12 @@ const OptionDoc kOptions[] = {
      "downloaded, seconds) and \"jobs\", one entry per listed job in its order (url, target, size, algorithm or "
      "null, verified, result: the library's code, 0 for a verified download, 3001 for a target skipped as "
      "already holding its digest; skipped). The exit status is unchanged."},
+    {"shard", kOptShard, "I/N",
+     "Batches: take share I of N (0 <= I < N) of the jobs, so that N processes given the same jobs each take "
+     "a different share and together all of them. When every job has a size in the manifest, the shares are "
+     "balanced by bytes (jobs largest first, ties by target, each to the share with the fewest bytes so far, "
+     "ties to the lowest I: no share is further than one largest file from the mean); otherwise a job's share "
+     "is the FNV-1a 64-bit hash of its target as listed, modulo N. A share may be empty."},
     {"help", kOptHelp, nullptr, "Show this help and exit."},
     {"version", kOptVersion, nullptr, "Show the version and exit."},
 };
@@ -280,6 +288,10 @@ int takeOption(int id, const std::string& value, Options& options, char** argv) 
     case kOptLibrary: options.library = value; break;
     case kOptQuiet: options.quiet = true; break;
     case kOptJson: options.json = true; break;
+    case kOptShard:
+        if (!parseShard(value, options.shardIndex, options.shardCount))
+            return usage("bad share '%s' (expected I/N with 0 <= I < N)", value);
+        break;
     case kOptHelp: printHelp(stdout); return kExitOk;
     case kOptVersion: printf("%s %s\n", gProgram, WEBGET_VERSION); return kExitOk;
     default: return refuseOption(argv);
@@ -301,6 +313,7 @@ int checkModes(const Options& options) {
     const bool single = !options.output.empty() || options.toStdout || options.post;
     if (options.directoryGiven && single) return usage("%s", "-d only applies to batches");
     if (options.json && single) return usage("%s", "--json only applies to batches");
+    if (options.shardCount > 1 && single) return usage("%s", "--shard only applies to batches");
     return -1;
 }
 

@@ -89,6 +89,7 @@ struct Options {
     std::string library;
     bool quiet = false;
     bool json = false;      // the batch's account as JSON on standard output
+    unsigned long shardIndex = 0, shardCount = 1;  // --shard I/N: this process's share
     std::vector<std::string> urls;
 };
 
