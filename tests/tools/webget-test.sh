@@ -71,6 +71,18 @@ for k in 0 1 2; do wait "${pids[k]}" || fail "--shard $k/3: status $?"; done
 [[ $(grep -c '^downloaded' share0.txt share1.txt share2.txt | tr '\n' ' ') == "share0.txt:1 share1.txt:57 share2.txt:2 " ]] &&
   grep -q 'sh/m1.bin' share0.txt && grep -q 'sh/k256p1.bin' share1.txt || fail "--shard: not the byte-balanced plan"
 ((failures == before)) && echo "ok   --shard"
+# --checksums: digests from sha256sum and md5sum output instead of the manifest, by target and by unique last
+# component; a disagreeing digest and a malformed line stop webget before it downloads.
+printf '%s\n' "$http/m1.bin m1.bin 1048576" "$https/small/f00001.bin small/f00001.bin" "$http/k256.bin deep/k256.bin" >sums.txt
+{ echo "# sums" && echo && (cd "$WWW" && sha256sum m1.bin small/f00001.bin); } >sha.sums && (cd "$WWW" && md5sum -b k256.bin) >md5.sums
+check "--checksums fill in the digests" 0 '"target":"cs/m1.bin"[^}]*"algorithm":"sha256","verified":true' \
+  '"target":"cs/deep/k256.bin"[^}]*"algorithm":"md5","verified":true' '"files":3,"downloaded":3' \
+  -- --json --checksums sha.sums --checksums md5.sums -i sums.txt -d cs
+echo "$(printf '%064d' 0)  m1.bin" >zero.sums && echo "$http/m1.bin m1.bin 1048576 $(digest m1.bin)" >m1.txt
+check "--checksums: a disagreeing digest" 2 "m1.txt:1: the sha256 digest of m1.bin is [0-9a-f]{64}, but zero.sums:1 gives 0{64}" \
+  -- --checksums zero.sums -i m1.txt
+printf '# sums\n%032d m1.bin\n' 0 >bad.sums
+check "--checksums: a malformed line" 2 'bad.sums:2: expected two spaces' -- --checksums bad.sums -i m1.txt
 check "single GET to stdout" 0 '^hello$' -- -O - "$http/five.bin"
 check "single GET to a file over HTTPS" 0 -- -o whole.bin "$https/m1.bin" && same whole.bin "$WWW/m1.bin"
 # A header of the user's own goes along with webget's own "Connection: close".

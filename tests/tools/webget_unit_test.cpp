@@ -1,8 +1,9 @@
-// webget's pure helpers: the share plan of --shard.
+// webget's pure helpers: the share plan of --shard, the checksum files of --checksums.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
+#include "tools/webget/checksum_file.h"
 #include "tools/webget/shard.h"
 
 using namespace webget;
@@ -49,4 +50,43 @@ TEST(WebgetShard, HashesTheNameWhenASizeIsUnknown) {
     const std::vector<std::string> names = {"a", "b/c.bin", "d"};
     const std::vector<unsigned long> share = planShares({10, 0, 30}, names, 5);
     for (size_t i = 0; i < names.size(); ++i) EXPECT_EQ(share[i], fnv1a64(names[i]) % 5) << names[i];
+}
+
+TEST(WebgetChecksums, ParsesTheLinesOfTheChecksumTools) {
+    const std::string md5(32, 'a'), sha1(40, 'B'), sha256(64, 'c'), sha512(128, 'd');
+    struct Row {
+        std::string line;
+        bool ok;
+        std::string digest, algorithm, name;  // name "": nothing to take
+    } rows[] = {
+        {md5 + "  a b.bin", true, md5, "md5", "a b.bin"},
+        {sha1 + " *bin/x", true, std::string(40, 'b'), "sha1", "bin/x"},
+        {sha256 + "  ./x.iso\r", true, sha256, "sha256", "./x.iso"},
+        {"\\" + sha512 + "  new\\nline\\\\x", true, sha512, "sha512", "new\nline\\x"},
+        {"  # comment", true, "", "", ""},
+        {"", true, "", "", ""},
+        {md5 + " x.bin", false, "", "", ""},
+        {md5 + "\tx.bin", false, "", "", ""},
+        {std::string(33, 'a') + "  x.bin", false, "", "", ""},
+        {md5 + "  ", false, "", "", ""},
+        {"zz  x.bin", false, "", "", ""},
+        {"\\" + md5 + "  bad\\q", false, "", "", ""},
+    };
+    for (const Row& row : rows) {
+        ChecksumEntry entry;
+        std::string why;
+        EXPECT_EQ(parseChecksumLine(row.line, entry, why), row.ok) << row.line;
+        EXPECT_EQ(why.empty(), row.ok) << row.line;
+        if (!row.ok) continue;
+        EXPECT_EQ(entry.digest + " " + entry.algorithm + " " + entry.name,
+                  row.name.empty() ? "  " : row.digest + " " + row.algorithm + " " + row.name);
+    }
+    std::vector<ChecksumEntry> entries;
+    int badLine = 0;
+    std::string why;
+    EXPECT_TRUE(parseChecksums("# sums\n\n" + md5 + "  a\n" + sha1 + " *b\n", entries, badLine, why));
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(entries[1].line, 4);
+    EXPECT_FALSE(parseChecksums(md5 + "  a\nnot a sum\n", entries, badLine, why));
+    EXPECT_EQ(badLine, 2);
 }

@@ -44,6 +44,7 @@ enum OptionId : int {
     kOptLibrary,
     kOptJson,
     kOptShard,
+    kOptChecksums,
 };
 
 struct OptionDoc {
@@ -109,6 +110,13 @@ const OptionDoc kOptions[] = {
      "balanced by bytes (jobs largest first, ties by target, each to the share with the fewest bytes so far, "
      "ties to the lowest I: no share is further than one largest file from the mean); otherwise a job's share "
      "is the FNV-1a 64-bit hash of its target as listed, modulo N. A share may be empty."},
+    {"checksums", kOptChecksums, "FILE",
+     "Batches: digests from FILE in the format of sha256sum and its kin ('HEX  NAME' or 'HEX *NAME', '#' "
+     "comments, blank lines); may be repeated. NAME is matched with each job's target as listed (relative to "
+     "-d DIR), or with its last path component when no other job has the same. A job without a digest takes "
+     "the file's, the algorithm following from its length (32 hex digits md5, 40 sha1, 56 sha224, 64 sha256, "
+     "96 sha384, 128 sha512). A digest of the same algorithm that disagrees with one already known, and a "
+     "malformed line, are usage errors found before anything is downloaded."},
     {"help", kOptHelp, nullptr, "Show this help and exit."},
     {"version", kOptVersion, nullptr, "Show the version and exit."},
 };
@@ -288,6 +296,7 @@ int takeOption(int id, const std::string& value, Options& options, char** argv) 
     case kOptLibrary: options.library = value; break;
     case kOptQuiet: options.quiet = true; break;
     case kOptJson: options.json = true; break;
+    case kOptChecksums: options.checksumFiles.push_back(value); break;
     case kOptShard:
         if (!parseShard(value, options.shardIndex, options.shardCount))
             return usage("bad share '%s' (expected I/N with 0 <= I < N)", value);
@@ -314,6 +323,7 @@ int checkModes(const Options& options) {
     if (options.directoryGiven && single) return usage("%s", "-d only applies to batches");
     if (options.json && single) return usage("%s", "--json only applies to batches");
     if (options.shardCount > 1 && single) return usage("%s", "--shard only applies to batches");
+    if (!options.checksumFiles.empty() && single) return usage("%s", "--checksums only applies to batches");
     return -1;
 }
 

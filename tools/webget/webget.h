@@ -90,6 +90,7 @@ struct Options {
     bool quiet = false;
     bool json = false;      // the batch's account as JSON on standard output
     unsigned long shardIndex = 0, shardCount = 1;  // --shard I/N: this process's share
+    std::vector<std::string> checksumFiles;        // --checksums FILE, in order
     std::vector<std::string> urls;
 };
 
@@ -159,6 +160,11 @@ std::string urlBasename(const std::string& url);
 // Returns -1 to go on, or an exit status.
 int readManifest(const Options& options, std::vector<Job>& jobs);
 int mkdirs(const std::string& directory);
+
+// ---- checksums.cpp: digests from checksum files ----
+// Fills in the digests the jobs lack from --checksums files. Returns -1 to go
+// on, or an exit status (a malformed line, a digest that disagrees).
+int applyChecksumFiles(const Options& options, std::vector<Job>& jobs);
 
 // ---- progress.cpp: the progress display ----
 using Clock = std::chrono::steady_clock;
