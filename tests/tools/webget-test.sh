@@ -48,15 +48,48 @@ check "manifest batch over HTTP and HTTPS" 0 'all verified' -- -j 4 -i batch.txt
 for f in big/m40.bin:m40.bin m1.bin:m1.bin k256p1.bin:k256p1.bin f7.bin:small/f00007.bin empty.bin:empty.bin; do
   same "got/${f%%:*}" "$WWW/${f#*:}"
 done
+# --json: standard output holds the account alone, one entry per job in order; file lines go to stderr.
+mkdir -p js && cp "$WWW/m1.bin" js/ && printf '%s\n' "$http/five.bin five.bin 5" "$http/nope.bin nope.bin 5" \
+  "$https/m1.bin m1.bin 1048576 $(digest m1.bin)" >json.txt
+check "--json accounts for every job" 1 '^downloaded js/five.bin' -- -j 3 --json -i json.txt -d js
+entry='\{"url":"[^"]+","target":"js/' totals='"files":3,"downloaded":1,"up_to_date":1,"failures":1,"bytes":5'
+grep -qxE "\{\"totals\":\{$totals,\"seconds\":[0-9.]+\},\"jobs\":\[${entry}five.bin\",\"size\":5,\"algorithm\":null,\
+\"verified\":true,\"result\":0,\"skipped\":false\},${entry}nope.bin\",\"size\":5,\"algorithm\":null,\"verified\":false,\
+\"result\":-3052,\"skipped\":false\},${entry}m1.bin\",\"size\":1048576,\"algorithm\":\"sha256\",\"verified\":true,\
+\"result\":3001,\"skipped\":true\}\]\}" out.txt && [[ $(wc -l <out.txt) == 1 ]] || fail "--json: not the account alone"
 echo "$http/m1.bin bad/m1.bin 1048576 $(printf '%064d' 0)" >wrong.txt
 check "a failure names code, words and file" 1 -3061 'size or digest mismatch' bad/m1.bin -- -i wrong.txt -d failing
 
+# --shard: three processes share one manifest of 60 sized jobs, disjoint and complete, each file verified by its
+# digest; balanced by bytes, m1.bin (1 MiB) is a share alone, and 56 KiB of small files join k256p1.bin.
+for f in m1.bin k256p1.bin k256.bin k256m1.bin small/f000{00..55}.bin; do
+  echo "$http/$f sh/$f $(stat -c %s "$WWW/$f") $(digest "$f")"
+done >shard.txt
+before=$failures pids=() && for k in 0 1 2; do "$webget" --shard "$k/3" -i shard.txt >"share$k.txt" 2>&1 </dev/null & pids+=($!); done
+for k in 0 1 2; do wait "${pids[k]}" || fail "--shard $k/3: status $?"; done
+[[ $(cat share?.txt | grep '^downloaded sh/' | sort -u | wc -l) == 60 ]] || fail "--shard: not 60 distinct files"
+[[ $(grep -c '^downloaded' share0.txt share1.txt share2.txt | tr '\n' ' ') == "share0.txt:1 share1.txt:57 share2.txt:2 " ]] &&
+  grep -q 'sh/m1.bin' share0.txt && grep -q 'sh/k256p1.bin' share1.txt || fail "--shard: not the byte-balanced plan"
+((failures == before)) && echo "ok   --shard"
+# --checksums: digests from sha256sum and md5sum output instead of the manifest, by target and by unique last
+# component; a disagreeing digest and a malformed line stop webget before it downloads.
+printf '%s\n' "$http/m1.bin m1.bin 1048576" "$https/small/f00001.bin small/f00001.bin" "$http/k256.bin deep/k256.bin" >sums.txt
+{ echo "# sums" && echo && (cd "$WWW" && sha256sum m1.bin small/f00001.bin); } >sha.sums && (cd "$WWW" && md5sum -b k256.bin) >md5.sums
+check "--checksums fill in the digests" 0 '"target":"cs/m1.bin"[^}]*"algorithm":"sha256","verified":true' \
+  '"target":"cs/deep/k256.bin"[^}]*"algorithm":"md5","verified":true' '"files":3,"downloaded":3' \
+  -- --json --checksums sha.sums --checksums md5.sums -i sums.txt -d cs
+echo "$(printf '%064d' 0)  m1.bin" >zero.sums && echo "$http/m1.bin m1.bin 1048576 $(digest m1.bin)" >m1.txt
+check "--checksums: a disagreeing digest" 2 "m1.txt:1: the sha256 digest of m1.bin is [0-9a-f]{64}, but zero.sums:1 gives 0{64}" \
+  -- --checksums zero.sums -i m1.txt
+printf '# sums\n%032d m1.bin\n' 0 >bad.sums
+check "--checksums: a malformed line" 2 'bad.sums:2: expected two spaces' -- --checksums bad.sums -i m1.txt
 check "single GET to stdout" 0 '^hello$' -- -O - "$http/five.bin"
 check "single GET to a file over HTTPS" 0 -- -o whole.bin "$https/m1.bin" && same whole.bin "$WWW/m1.bin"
 # A header of the user's own goes along with webget's own "Connection: close".
 check "--post prints the answer" 0 '^posted$' -- -T 1 --post 'name=value' -H 'X-Test: 1' "$http/post"
 
 check "bad option value" 2 'worker count' -- -j 0 "$http/five.bin"
+check "bad share" 2 "bad share '3/3'" -- --shard 3/3 -i shard.txt
 check "unknown option" 2 -- --no-such-option
 echo "only-one-field" >broken.txt
 check "bad manifest line" 2 'broken.txt:1' -- -i broken.txt

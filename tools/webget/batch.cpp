@@ -54,12 +54,14 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
     size_t considered = 0;
     for (; considered < wanted.size() && !gInterrupted.load(); ++considered) {
         Job& job = wanted[considered];
+        Outcome& outcome = state.outcomes[considered];
         int result = channel->addJob(job.url.c_str(), job.target.c_str(), job.size,
                                      job.digest.empty() ? nullptr : job.digest.c_str(),
                                      job.algorithm.empty() ? nullptr : job.algorithm.c_str());
         if (result == wc::kAlreadyPresent) {
             ++state.upToDate;
-            if (!options.quiet) printf("up to date %s\n", job.target.c_str());
+            outcome = {result, true, true, fileSize(job.target)};
+            if (!options.quiet) fprintf(state.results, "up to date %s\n", job.target.c_str());
             continue;
         }
         if (result < 0) {
@@ -71,6 +73,7 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
             ++state.refused;
             const bool probeFailed = result == wc::kInvalidArgument && job.size == 0 && !options.unknownSize;
             LibraryError error = lastError(channel, result);
+            outcome = {error.code, false, false, job.size};
             complain("error %d: %s%s", error.code,
                      explainFailure(error.code, error.reason, job.url, job.target, true).c_str(),
                      probeFailed ? " (size probe failed)" : "");
@@ -83,9 +86,11 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
             if (probed > 0) job.size = probed;
         }
         state.knownTotal += job.size;
+        outcome.size = job.size;
+        state.listedAs.push_back(considered);
         jobs.push_back(job);
     }
-    fflush(stdout);
+    fflush(state.results);
     return considered;
 }
 
@@ -132,8 +137,8 @@ int jobOfMessage(const std::vector<Job>& jobs, const std::vector<int>& failed, c
 // Says which jobs were not handed out. The job the library's first failure
 // concerns gets its code and cause; every other job not handed out failed
 // on its own (blamed by the progress reports), was stopped with its worker,
-// or was never reached.
-void reportFailures(const BatchState& state, const std::vector<int>& failed, const LibraryError& error) {
+// or was never reached. Returns the job given the first failure, or -1.
+int reportFailures(const BatchState& state, const std::vector<int>& failed, const LibraryError& error) {
     const std::vector<Job>& jobs = *state.jobs;
     std::string reason;
     int named = jobOfMessage(jobs, failed, error.reason, reason);
@@ -143,7 +148,7 @@ void reportFailures(const BatchState& state, const std::vector<int>& failed, con
         complain("error %d: %s; %zu file(s) not completed:", error.code,
                  reason.empty() ? wc::resultText(error.code) : reason.c_str(), failed.size());
         listNotCompleted(jobs, failed, state.blamed);
-        return;
+        return -1;
     }
     const Job& job = jobs[named];
     complain("error %d: %s", error.code, explainFailure(error.code, reason, job.url, job.target).c_str());
@@ -153,6 +158,25 @@ void reportFailures(const BatchState& state, const std::vector<int>& failed, con
     std::set<int> reported = state.blamed;
     reported.insert(named);
     listNotCompleted(jobs, failed, reported);
+    return named;
+}
+
+// The outcomes of the jobs the library ran. The library keeps the code of
+// its first failure only: the job it names gets that code, others that
+// failed on their own the code of a failure with no more specific code, and
+// those stopped with their worker or never reached that of a cancel.
+void settleOutcomes(BatchState& state, int named, const LibraryError& error) {
+    for (size_t i = 0; i < state.listedAs.size(); ++i) {
+        Outcome& outcome = state.outcomes[state.listedAs[i]];
+        if (state.handedOut[i]) {
+            long long size = fileSize((*state.jobs)[i].target);
+            outcome = {wc::kOk, true, false, size >= 0 ? size : outcome.size};
+        } else if ((int)i == named) {
+            outcome.result = error.code;
+        } else {
+            outcome.result = state.blamed.count((int)i) != 0 ? wc::kInvalidArgument : wc::kCancelled;
+        }
+    }
 }
 
 }  // namespace
@@ -162,7 +186,8 @@ int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<
     state.channel = channel;
     state.quiet = options.quiet;
     state.terminal = isatty(2) != 0;
-    state.stdoutTerminal = isatty(1) != 0;
+    if (options.json) state.results = stderr;
+    state.resultsTerminal = isatty(fileno(state.results)) != 0;
     state.start = Clock::now();
     if (options.directoryGiven && mkdirs(options.directory) != 0) {
         complain("cannot create the directory %s: %s", options.directory.c_str(), strerror(errno));
@@ -172,6 +197,7 @@ int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<
     std::vector<Job> jobs;
     jobs.reserve(wanted.size());
     state.jobs = &jobs;
+    state.outcomes.assign(wanted.size(), Outcome());
     size_t considered = offerJobs(channel, options, wanted, jobs, state);
     state.handedOut.assign(jobs.size(), 0);
 
@@ -188,6 +214,7 @@ int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<
     LibraryError error = runJobs(channel, state);
     double seconds = std::chrono::duration<double>(Clock::now() - state.start).count();
     std::vector<int> failed;
+    int named = -1;
     for (size_t i = 0; i < jobs.size(); ++i)
         if (!state.handedOut[i]) failed.push_back((int)i);
     if (!failed.empty()) {
@@ -195,8 +222,9 @@ int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<
             error.code = gInterrupted.load() ? wc::kCancelled : wc::kInvalidArgument;
             if (!gInterrupted.load()) error.reason = "no cause reported by the library";
         }
-        reportFailures(state, failed, error);
+        named = reportFailures(state, failed, error);
     }
+    settleOutcomes(state, named, error);
 
     // Jobs never offered to the library because of an interrupt.
     int notStarted = (int)(wanted.size() - considered);
@@ -208,6 +236,8 @@ int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<
                 state.handedCount, state.upToDate, failures, humanBytes((double)state.handedBytes).c_str(), seconds,
                 humanBytes(rate).c_str(), failures == 0 ? "; all verified" : "");
     }
+    if (options.json) printJson(wanted, state.outcomes, {state.handedCount, state.upToDate, failures,
+                                                         state.handedBytes, seconds});
     // A cancel only stops transfers still in progress; when the interrupt
     // came too late to stop anything, the batch simply succeeded.
     if (failures == 0) return kExitOk;

@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <memory>
 
+#include "shard.h"
 #include "webget.h"
 
 namespace webget {
@@ -36,11 +37,29 @@ int gatherJobs(Options& options, std::vector<Job>& jobs) {
     for (size_t i = 0; i < options.urls.size(); ++i) {
         Job job;
         job.url = options.urls[i];
-        job.target = joinPath(options.directory, urlBasename(job.url));
+        job.name = urlBasename(job.url);
+        job.target = joinPath(options.directory, job.name);
         job.origin = "argument " + std::to_string(i + 1);
         jobs.push_back(job);
     }
     return -1;
+}
+
+// Keeps this process's share of the jobs (--shard I/N). Every process
+// plans from the whole list, so the shares agree without talking.
+void keepShare(const Options& options, std::vector<Job>& jobs) {
+    if (options.shardCount <= 1) return;
+    std::vector<long long> sizes;
+    std::vector<std::string> names;
+    for (const Job& job : jobs) {
+        sizes.push_back(job.size);
+        names.push_back(job.name);
+    }
+    const std::vector<unsigned long> share = planShares(sizes, names, options.shardCount);
+    std::vector<Job> kept;
+    for (size_t i = 0; i < jobs.size(); ++i)
+        if (share[i] == options.shardIndex) kept.push_back(jobs[i]);
+    jobs.swap(kept);
 }
 
 }  // namespace
@@ -53,6 +72,10 @@ int main(int argc, char** argv) {
     std::vector<Job> jobs;
     bool batch = options.output.empty() && !options.toStdout && !options.post;
     if (batch && (status = gatherJobs(options, jobs)) >= 0) return status;
+    // Before the shares: every process must see the same digests and stop
+    // on the same disagreement.
+    if (batch && (status = applyChecksumFiles(options, jobs)) >= 0) return status;
+    keepShare(options, jobs);
 
     Library library;
     if (!loadLibrary(options, library)) return kExitUsage;
@@ -70,7 +93,8 @@ int main(int argc, char** argv) {
         }
         status = configureChannel(handle.channel, options);
         if (status < 0) {
-            if (batch) status = jobs.empty() ? kExitOk : runBatch(handle.channel, options, jobs);
+            // An empty batch still owes its (empty) JSON account.
+            if (batch) status = jobs.empty() && !options.json ? kExitOk : runBatch(handle.channel, options, jobs);
             else if (options.toStdout) status = runGetToStdout(handle.channel, options);
             else if (options.post) status = runPost(handle.channel, options);
             else status = runGetToFile(handle.channel, options);

@@ -9,6 +9,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "checksum_file.h"
 #include "webget.h"
 
 namespace webget {
@@ -20,18 +21,6 @@ constexpr int kMaxManifestLines = 10000000;
 constexpr size_t kMaxFields = 6;
 // Directory levels created at most for one target directory.
 constexpr int kMaxPathDepth = 4096;
-
-std::string algorithmForDigest(const std::string& digest) {
-    switch (digest.size()) {
-    case 32: return "md5";
-    case 40: return "sha1";
-    case 56: return "sha224";
-    case 64: return "sha256";
-    case 96: return "sha384";
-    case 128: return "sha512";
-    default: return std::string();
-    }
-}
 
 bool isHex(const std::string& text) {
     if (text.empty()) return false;
@@ -50,12 +39,13 @@ int parseJob(const Options& options, const std::vector<std::string>& words, cons
     if (words.size() > 5) return bad("too many fields (a '#' starts a comment)");
     job.url = words[0];
     job.target = joinPath(options.directory, words[1]);
+    job.name = words[1];
     job.origin = where;
     if (words.size() >= 3 && !parseInt(words[2], 0, LLONG_MAX, job.size)) return bad("bad size '" + words[2] + "'");
     if (words.size() >= 4 && words[3] != "-") {
         if (!isHex(words[3])) return bad("bad digest '" + words[3] + "' (hexadecimal expected)");
         job.digest = words[3];
-        job.algorithm = words.size() >= 5 ? words[4] : algorithmForDigest(job.digest);
+        job.algorithm = words.size() >= 5 ? words[4] : algorithmForLength(job.digest.size());
         if (job.algorithm.empty()) return bad("cannot tell the digest's algorithm from its length; name it");
     } else if (words.size() >= 5) {
         return bad("an algorithm without a digest");

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "shard.h"
 #include "webget.h"
 
 #ifndef WEBGET_VERSION
@@ -41,6 +42,9 @@ enum OptionId : int {
     kOptKeepCookies,
     kOptUnknownSize,
     kOptLibrary,
+    kOptJson,
+    kOptShard,
+    kOptChecksums,
 };
 
 struct OptionDoc {
@@ -94,6 +98,25 @@ const OptionDoc kOptions[] = {
      "Load the library from PATH (also: environment variable WEBGET_LIBRARY). Default: ../libwebchannel.so "
      "or libwebchannel.so next to the program, then the installed library."},
     {"quiet", kOptQuiet, nullptr, "No progress, no file list, no summary: only errors."},
+    {"json", kOptJson, nullptr,
+     "Batches: print the batch's account as one JSON object on standard output at the end, and nothing else "
+     "there (the file lines go to standard error): \"totals\" (files, downloaded, up_to_date, failures, bytes "
+     "downloaded, seconds) and \"jobs\", one entry per listed job in its order (url, target, size, algorithm or "
+     "null, verified, result: the library's code, 0 for a verified download, 3001 for a target skipped as "
+     "already holding its digest; skipped). The exit status is unchanged."},
+    {"shard", kOptShard, "I/N",
+     "Batches: take share I of N (0 <= I < N) of the jobs, so that N processes given the same jobs each take "
+     "a different share and together all of them. When every job has a size in the manifest, the shares are "
+     "balanced by bytes (jobs largest first, ties by target, each to the share with the fewest bytes so far, "
+     "ties to the lowest I: no share is further than one largest file from the mean); otherwise a job's share "
+     "is the FNV-1a 64-bit hash of its target as listed, modulo N. A share may be empty."},
+    {"checksums", kOptChecksums, "FILE",
+     "Batches: digests from FILE in the format of sha256sum and its kin ('HEX  NAME' or 'HEX *NAME', '#' "
+     "comments, blank lines); may be repeated. NAME is matched with each job's target as listed (relative to "
+     "-d DIR), or with its last path component when no other job has the same. A job without a digest takes "
+     "the file's, the algorithm following from its length (32 hex digits md5, 40 sha1, 56 sha224, 64 sha256, "
+     "96 sha384, 128 sha512). A digest of the same algorithm that disagrees with one already known, and a "
+     "malformed line, are usage errors found before anything is downloaded."},
     {"help", kOptHelp, nullptr, "Show this help and exit."},
     {"version", kOptVersion, nullptr, "Show the version and exit."},
 };
@@ -125,11 +148,12 @@ void printHelp(FILE* out) {
             "\n"
             "Batches run on worker threads; large files are cut into byte ranges shared by the\n"
             "workers, and every finished file is verified by its digest or its size. Each\n"
-            "finished file is printed on standard output ('downloaded TARGET'); a target that\n"
-            "already holds the expected digest is skipped ('up to date TARGET'). A job the library\n"
-            "refuses (no size from the server, target not writable) is reported and the batch\n"
-            "goes on without it. Progress goes to standard error: a live bar on a terminal, a\n"
-            "plain line every 2 s otherwise. Ctrl-C cancels the batch cleanly (twice: at once).\n"
+            "finished file is printed on standard output ('downloaded TARGET'; on standard\n"
+            "error with --json); a target that already holds the expected digest is skipped\n"
+            "('up to date TARGET'). A job the library refuses (no size from the server, target\n"
+            "not writable) is reported and the batch goes on without it. Progress goes to\n"
+            "standard error: a live bar on a terminal, a plain line every 2 s otherwise.\n"
+            "Ctrl-C cancels the batch cleanly (twice: at once).\n"
             "\n"
             "Options:\n",
             gProgram);
@@ -271,6 +295,12 @@ int takeOption(int id, const std::string& value, Options& options, char** argv) 
     case kOptLog: options.logFile = value; break;
     case kOptLibrary: options.library = value; break;
     case kOptQuiet: options.quiet = true; break;
+    case kOptJson: options.json = true; break;
+    case kOptChecksums: options.checksumFiles.push_back(value); break;
+    case kOptShard:
+        if (!parseShard(value, options.shardIndex, options.shardCount))
+            return usage("bad share '%s' (expected I/N with 0 <= I < N)", value);
+        break;
     case kOptHelp: printHelp(stdout); return kExitOk;
     case kOptVersion: printf("%s %s\n", gProgram, WEBGET_VERSION); return kExitOk;
     default: return refuseOption(argv);
@@ -289,8 +319,11 @@ int checkModes(const Options& options) {
         return usage("%s", "-o, -O and --post take exactly one URL");
     if (modes == 0 && options.urls.empty()) return usage("%s", "nothing to do: give URLs or -i MANIFEST");
     if (!options.headers.empty() && !options.post) return usage("%s", "-H only applies to --post");
-    if (options.directoryGiven && (!options.output.empty() || options.toStdout || options.post))
-        return usage("%s", "-d only applies to batches");
+    const bool single = !options.output.empty() || options.toStdout || options.post;
+    if (options.directoryGiven && single) return usage("%s", "-d only applies to batches");
+    if (options.json && single) return usage("%s", "--json only applies to batches");
+    if (options.shardCount > 1 && single) return usage("%s", "--shard only applies to batches");
+    if (!options.checksumFiles.empty() && single) return usage("%s", "--checksums only applies to batches");
     return -1;
 }
 

@@ -139,11 +139,11 @@ void collectFinished(BatchState& state) {
         long long size = fileSize(job.target);
         state.handedBytes += size > 0 ? size : job.size;
         if (!state.quiet) {
-            if (state.stdoutTerminal) clearBar(state);
-            printf("downloaded %s\n", job.target.c_str());
+            if (state.resultsTerminal) clearBar(state);
+            fprintf(state.results, "downloaded %s\n", job.target.c_str());
         }
     }
-    fflush(stdout);
+    fflush(state.results);
 }
 
 void drawProgress(BatchState& state, bool final) {

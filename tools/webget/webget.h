@@ -7,9 +7,9 @@
 // output; POSTs print the answer.
 //
 // Output conventions: standard output carries results (one line per finished
-// file, or the body of -O - / --post); standard error carries progress,
-// the summary and diagnostics, so that results can be piped or redirected
-// without progress noise.
+// file, or the body of -O - / --post, or with --json one JSON object alone);
+// standard error carries progress, the summary and diagnostics, so that
+// results can be piped or redirected without progress noise.
 //
 // This header is what the program's files share; each file is one concern:
 // options, library, signals, manifest, progress, and one file per mode.
@@ -88,6 +88,9 @@ struct Options {
     std::string logFile;
     std::string library;
     bool quiet = false;
+    bool json = false;      // the batch's account as JSON on standard output
+    unsigned long shardIndex = 0, shardCount = 1;  // --shard I/N: this process's share
+    std::vector<std::string> checksumFiles;        // --checksums FILE, in order
     std::vector<std::string> urls;
 };
 
@@ -144,6 +147,7 @@ private:
 struct Job {
     std::string url;
     std::string target;
+    std::string name;    // the target as listed, before -d DIR
     long long size = 0;
     std::string digest;
     std::string algorithm;
@@ -157,8 +161,20 @@ std::string urlBasename(const std::string& url);
 int readManifest(const Options& options, std::vector<Job>& jobs);
 int mkdirs(const std::string& directory);
 
+// ---- checksums.cpp: digests from checksum files ----
+// Fills in the digests the jobs lack from --checksums files. Returns -1 to go
+// on, or an exit status (a malformed line, a digest that disagrees).
+int applyChecksumFiles(const Options& options, std::vector<Job>& jobs);
+
 // ---- progress.cpp: the progress display ----
 using Clock = std::chrono::steady_clock;
+// How one listed job ended, for --json.
+struct Outcome {
+    int result = wc::kCancelled;  // never offered: the batch was interrupted first
+    bool verified = false;
+    bool skipped = false;         // the target already held the expected digest
+    long long size = 0;
+};
 struct BatchState {
     std::mutex lock;
     VRAXSecureWebChannel* channel = nullptr;
@@ -175,13 +191,16 @@ struct BatchState {
     long long shownDone = 0;
     bool quiet = false;
     bool terminal = false;       // standard error is a terminal: live bar
-    bool stdoutTerminal = false; // file lines go to the same terminal
+    FILE* results = stdout;      // file lines: standard error when stdout is JSON's
+    bool resultsTerminal = false; // file lines go to the same terminal
     bool barVisible = false;
     Clock::time_point start;
     Clock::time_point lastDraw;
     bool drawnOnce = false;
     int widestInfo = 0;          // keeps the bar's width steady
     std::deque<std::pair<double, long long>> samples;  // (seconds, bytes) for the rate
+    std::vector<Outcome> outcomes;  // one per listed job
+    std::vector<size_t> listedAs;   // the library's job index -> listed job
 
     long long total() const { return knownTotal > reportedTotal ? knownTotal : reportedTotal; }
     int fileCount() const { return (int)jobs->size() + upToDate + refused; }
@@ -197,6 +216,14 @@ void collectFinished(BatchState& state);
 void drawProgress(BatchState& state, bool final);
 // The library's progress callback.
 void onProgress(bool& cancel, int finished, long long bytesDone, long long bytesTotal, int jobIndex, void* user);
+
+// ---- report.cpp: the batch's account in JSON ----
+struct Totals {
+    int downloaded = 0, upToDate = 0, failures = 0;
+    long long bytes = 0;
+    double seconds = 0;
+};
+void printJson(const std::vector<Job>& listed, const std::vector<Outcome>& outcomes, const Totals& totals);
 
 // ---- the modes: batch.cpp, get.cpp, post.cpp ----
 int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<Job> wanted);
