@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
 
 unsigned long webChannel::resolveAddress(const std::string& host, const std::string& port) {
@@ -12,7 +13,7 @@ unsigned long webChannel::resolveAddress(const std::string& host, const std::str
     unsigned long address = 0;
     // Held across the resolver call, so that workers starting together
     // resolve a host only once.
-    pthread_mutex_lock(&m_lock1);
+    ScopedLock lock(m_lock1);
     std::string key = host + ":" + port;
     auto cached = m_hostAddresses.find(key);
     if (cached != m_hostAddresses.end()) {
@@ -21,7 +22,6 @@ unsigned long webChannel::resolveAddress(const std::string& host, const std::str
         if (logging())
             log("VRAXSecureWebChannel::parseURL: cached IP address of %s:%s is %x", host.c_str(), port.c_str(),
                 (unsigned)address);
-        pthread_mutex_unlock(&m_lock1);
         return address;
     }
     addrinfo* list = nullptr;
@@ -32,7 +32,6 @@ unsigned long webChannel::resolveAddress(const std::string& host, const std::str
         if (logging())
             log("VRAXSecureWebChannel::parseURL: failed with return code %d, errno %d", result, error);
         noteFailure(kProxyUnusable, result == EAI_SYSTEM ? systemText(error) : gai_strerror(result));
-        pthread_mutex_unlock(&m_lock1);
         return 0;
     }
     for (addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
@@ -47,6 +46,5 @@ unsigned long webChannel::resolveAddress(const std::string& host, const std::str
     if (address == 0) noteFailure(kProxyUnusable, "no IPv4 address");
     if (logging())
         log("VRAXSecureWebChannel::parseURL: IP address of %s:%s is %x", host.c_str(), port.c_str(), (unsigned)address);
-    pthread_mutex_unlock(&m_lock1);
     return address;
 }
