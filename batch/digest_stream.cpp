@@ -23,22 +23,42 @@ std::string hexDigest(const unsigned char* value, unsigned length) {
     return text;
 }
 
+namespace {
+
+// Feeds [from, to) of the file (to < 0: up to its end) to the digest; false
+// when a read fails, with what came before it fed.
+bool feed(EVP_MD_CTX* context, int fd, long long from, long long to) {
+    char block[kCatchUpBlock];
+    while (to < 0 || from < to) {
+        size_t want = to < 0 || to - from > (long long)kCatchUpBlock ? kCatchUpBlock : (size_t)(to - from);
+        ssize_t got = pread(fd, block, want, from);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return false;
+        if (got == 0) return to < 0;  // the end of the file
+        EVP_DigestUpdate(context, block, (size_t)got);
+        from += got;
+    }
+    return true;
+}
+
+// Ends the digest and gives its text.
+std::string finalHex(EVP_MD_CTX* context) {
+    unsigned char value[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    EVP_DigestFinal_ex(context, value, &length);
+    return hexDigest(value, length);
+}
+
+}  // namespace
+
 std::string hashDescriptor(int fd, const EVP_MD* digest, long long from) {
     EVP_MD_CTX* context = EVP_MD_CTX_create();
     if (context == nullptr) return std::string();
     EVP_DigestInit_ex(context, digest, nullptr);
-    char block[kCatchUpBlock];
-    for (ssize_t got; (got = pread(fd, block, sizeof(block), from)) != 0;) {
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) break;
-        EVP_DigestUpdate(context, block, (size_t)got);
-        from += got;
-    }
-    unsigned char value[EVP_MAX_MD_SIZE];
-    unsigned length = 0;
-    EVP_DigestFinal_ex(context, value, &length);
+    feed(context, fd, from, -1);
+    std::string text = finalHex(context);
     EVP_MD_CTX_destroy(context);
-    return hexDigest(value, length);
+    return text;
 }
 
 DigestStream::DigestStream(const EVP_MD* digest, bool stale)
@@ -86,26 +106,12 @@ void DigestStream::followPrefix(std::unique_lock<std::mutex>& lock, int fd) {
         m_ahead.erase(m_ahead.begin());
         m_claimed = to;
         lock.unlock();
-        const bool read = hashFrom(fd, from, to);
+        const bool read = feed(m_context, fd, from, to);
         lock.lock();
         if (!read) m_stale = true;
         m_hashed = to;
     }
     m_busy = false;
-}
-
-bool DigestStream::hashFrom(int fd, long long from, long long to) {
-    char block[kCatchUpBlock];
-    while (to < 0 || from < to) {
-        size_t want = to < 0 || to - from > (long long)kCatchUpBlock ? kCatchUpBlock : (size_t)(to - from);
-        ssize_t got = pread(fd, block, want, from);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return false;
-        if (got == 0) return to < 0;  // the end of the file
-        EVP_DigestUpdate(m_context, block, (size_t)got);
-        from += got;
-    }
-    return true;
 }
 
 std::string DigestStream::finish(const std::string& path) {
@@ -125,15 +131,13 @@ std::string DigestStream::finish(const std::string& path) {
     if (m_stale) {
         m_rehashed = true;
         EVP_DigestInit_ex(m_context, m_digest, nullptr);
-        read = hashFrom(fd, 0, -1);
+        read = feed(m_context, fd, 0, -1);
     } else if (fd >= 0) {
-        read = hashFrom(fd, m_hashed, -1);
+        read = feed(m_context, fd, m_hashed, -1);
     }
     if (fd >= 0) close(fd);
-    unsigned char value[EVP_MAX_MD_SIZE];
-    unsigned length = 0;
-    EVP_DigestFinal_ex(m_context, value, &length);
+    std::string text = finalHex(m_context);
     EVP_MD_CTX_destroy(m_context);
     m_context = nullptr;
-    return read ? hexDigest(value, length) : std::string();
+    return read ? text : std::string();
 }

@@ -38,7 +38,6 @@ public:
     bool rehashed() const { return m_rehashed; }
 
 private:
-    bool hashFrom(int fd, long long from, long long to);  // [from, to) of the file; to < 0: to its end
     void followPrefix(std::unique_lock<std::mutex>& lock, int fd);
 
     std::mutex m_lock;

@@ -1,12 +1,11 @@
 // The job and worker records, and the host's job list.
 #include <fcntl.h>
+#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-
-#include <openssl/evp.h>
 
 #include "batch/digest_stream.h"
 #include "channel/atomics.h"
@@ -53,15 +52,13 @@ public:
         const EVP_MD* md = EVP_get_digestbyname(algorithm.c_str());
         struct stat info;
         if (md != nullptr && stat(m_path, &info) != 0) {
-            if (webChannel::logging())
-                webChannel::log("VRAXSecureWebChannel::checksum: file %s cannot be opened", m_path);
+            webChannel::logChecksum(m_path, std::string());
             return std::string();
         }
         if (md != nullptr && S_ISREG(info.st_mode)) m_fd = ::open(m_path, O_RDWR | O_CLOEXEC);
         if (m_fd < 0) return channel.checksum(m_path, algorithm);  // the rare cases, as they always went
         std::string text = hashDescriptor(m_fd, md);
-        if (webChannel::logging())
-            webChannel::log("VRAXSecureWebChannel::checksum: file %s has checksum %s", m_path, text.c_str());
+        webChannel::logChecksum(m_path, text);
         return text;
     }
     // Makes the target exist and be empty.

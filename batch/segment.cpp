@@ -380,7 +380,7 @@ Stop openTarget(Attempt& a, Body& body, TargetFile& out) {
 
 // Hands the body bytes buffer[from, to) on: to the chunk decoder, or, for a
 // plain body, after the skip and within what is wanted.
-int deliver(Attempt& a, Body& body, FILE* out, long long from, long long to) {
+int deliverBytes(Attempt& a, Body& body, FILE* out, long long from, long long to) {
     if (body.chunked) {
         long long start = from;
         int dumped = a.channel.dump(out, a.buffer, to, start, body.remaining, kChunked, body.sink);
@@ -401,6 +401,13 @@ int deliver(Attempt& a, Body& body, FILE* out, long long from, long long to) {
     return a.channel.dump(out, a.buffer, from + length, start, body.remaining, 0, body.sink);
 }
 
+// Delivers, keeping the system's words when writing the target failed.
+int deliver(Attempt& a, Body& body, FILE* out, long long from, long long to) {
+    const int dumped = deliverBytes(a, body, out, from, to);
+    if (dumped == kFileWrite) body.writeError = webChannel::systemText(errno);
+    return dumped;
+}
+
 void report(Attempt& a, Body& body) {
     if (atomicLoad(a.channel.m_handler) == nullptr) return;
     a.channel.accountProgress(a.record, a.job);
@@ -414,7 +421,6 @@ void report(Attempt& a, Body& body) {
 // asks to stop or the batch is cancelled.
 void streamBody(Attempt& a, Body& body, FILE* out) {
     body.dumped = deliver(a, body, out, a.bodyStart, a.received);
-    if (body.dumped == kFileWrite) body.writeError = webChannel::systemText(errno);
     report(a, body);
     body.lastRead = a.received;
     while (body.dumped == kOk && body.wantsMore() && body.lastReport >= 0 && !a.channel.isCancelled()) {
@@ -430,7 +436,6 @@ void streamBody(Attempt& a, Body& body, FILE* out) {
         }
         body.lastRead = got;
         body.dumped = deliver(a, body, out, 0, body.offset + got);
-        if (body.dumped == kFileWrite) body.writeError = webChannel::systemText(errno);
         report(a, body);
     }
     // A body delimited by the server closing ends with that close.

@@ -18,14 +18,18 @@ std::string webChannel::checksum(std::string file, std::string algorithm) {
         return std::string();
     }
     int input = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (input < 0) {
-        if (logging()) log("VRAXSecureWebChannel::checksum: file %s cannot be opened", file.c_str());
-        return std::string();
-    }
-    std::string text = hashDescriptor(input, digest);
-    ::close(input);
-    if (logging()) log("VRAXSecureWebChannel::checksum: file %s has checksum %s", file.c_str(), text.c_str());
+    std::string text = input < 0 ? std::string() : hashDescriptor(input, digest);
+    if (input >= 0) ::close(input);
+    logChecksum(file, text);
     return text;
+}
+
+void webChannel::logChecksum(const std::string& file, const std::string& text) {
+    if (!logging()) return;
+    if (text.empty())
+        log("VRAXSecureWebChannel::checksum: file %s cannot be opened", file.c_str());
+    else
+        log("VRAXSecureWebChannel::checksum: file %s has checksum %s", file.c_str(), text.c_str());
 }
 
 long long webChannel::filesize(std::string file) {
@@ -98,13 +102,7 @@ std::string webChannel::fileDigest(const httpGetJob& job) {
     if (stream == m_digestStreams.end()) return checksum(job.file, job.algorithm);
     std::string text = stream->second->finish(job.file);
     if (stream->second->rehashed()) atomicAdd(m_filesRehashed, 1);
-    // The lines hashing the file itself writes.
-    if (logging()) {
-        if (text.empty())
-            log("VRAXSecureWebChannel::checksum: file %s cannot be opened", job.file.c_str());
-        else
-            log("VRAXSecureWebChannel::checksum: file %s has checksum %s", job.file.c_str(), text.c_str());
-    }
+    logChecksum(job.file, text);  // the line hashing the file itself writes
     return text;
 }
 

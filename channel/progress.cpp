@@ -120,27 +120,27 @@ void webChannel::tallyProgress() {
     atomicStore(m_progressFinished, finished);
 }
 
-void webChannel::accountProgress(threadData* record, const httpGetJob* job) {
-    if (record == nullptr || job == nullptr || record->accounted.size() != record->jobs.size()) return;
+size_t webChannel::accountProgress(threadData* record, const httpGetJob* job) {
+    if (record == nullptr || job == nullptr || record->accounted.size() != record->jobs.size()) return SIZE_MAX;
     const size_t j = (size_t)(job - record->jobs.data());
-    if (j >= record->jobs.size()) return;
+    if (j >= record->jobs.size()) return SIZE_MAX;
+    const size_t position = record->positions[j];
     std::pair<long long, long long>& seen = record->accounted[j];
     const long long done = atomicLoad(job->downloaded) - seen.first, size = atomicLoad(job->size) - seen.second;
-    if (done == 0 && size == 0) return;
+    if (done == 0 && size == 0) return position;
     seen.first += done;
     seen.second += size;
     atomicAdd(m_progressDone, done);
     atomicAdd(m_progressSize, size);
-    if (record->positions[j] < m_progressTallies.size()) {
-        atomicAdd(m_progressTallies[record->positions[j]].first, done);
-        atomicAdd(m_progressTallies[record->positions[j]].second, size);
+    if (position < m_progressTallies.size()) {
+        atomicAdd(m_progressTallies[position].first, done);
+        atomicAdd(m_progressTallies[position].second, size);
     }
+    return position;
 }
 
 void webChannel::settleProgress(threadData* record, const httpGetJob* job) {
-    accountProgress(record, job);
-    if (record == nullptr || job == nullptr || record->accounted.size() != record->jobs.size()) return;
-    const size_t position = record->positions[(size_t)(job - record->jobs.data())];
+    const size_t position = accountProgress(record, job);
     if (position >= m_progressTallies.size()) return;
     // Every piece of the file is done and accounted: its pieces leave the
     // pending sums, and the file joins the finished ones with its listed size.

@@ -229,7 +229,8 @@ public:
     // its size) since it last did; settleProgress moves a verified file from
     // the pending bytes to the finished files.
     void tallyProgress();
-    void accountProgress(threadData* record, const httpGetJob* job);
+    // Returns the job's position in the list (SIZE_MAX when it has none).
+    size_t accountProgress(threadData* record, const httpGetJob* job);
     void settleProgress(threadData* record, const httpGetJob* job);
 
     // ---- transport/: URL parsing and host-address cache (url.cpp, address_cache.cpp) ----
@@ -351,6 +352,9 @@ public:
 
     // ---- batch/: verification (verify.cpp) ----
     std::string checksum(std::string file, std::string algorithm);
+    // The line a digest of `file` leaves in the log: its text, or that the
+    // file could not be opened when there is none.
+    static void logChecksum(const std::string& file, const std::string& text);
     long long filesize(std::string file);
     int checksumJob(threadData* record, unsigned int j);
     // The digest of a finished file: from its stream when it has one (reading
