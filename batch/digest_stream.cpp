@@ -70,6 +70,11 @@ DigestStream::~DigestStream() {
     if (m_context != nullptr) EVP_MD_CTX_destroy(m_context);
 }
 
+void DigestStream::seed(const std::map<long long, long long>& ranges) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    for (const auto& range : ranges) m_ahead.emplace(range.first, range.second);
+}
+
 void DigestStream::written(int fd, long long offset, const char* data, size_t size) {
     if (size == 0) return;
     const long long end = offset + (long long)size;
@@ -84,6 +89,12 @@ void DigestStream::written(int fd, long long offset, const char* data, size_t si
         m_stale = true;
         return;
     }
+    if (!m_busy && offset != m_hashed && !m_ahead.empty() && m_ahead.begin()->first == m_hashed) {
+        // Bytes that were there before this batch lead the prefix.
+        m_busy = true;
+        followPrefix(lock, fd);
+    }
+    if (m_stale) return;
     if (m_busy || offset != m_hashed) {
         m_ahead.emplace(offset, end);
         return;

@@ -30,6 +30,9 @@ public:
     DigestStream(const DigestStream&) = delete;
     DigestStream& operator=(const DigestStream&) = delete;
 
+    // Ranges (start -> end) the file already holds from an earlier run:
+    // hashed from the file when the prefix reaches them.
+    void seed(const std::map<long long, long long>& ranges);
     void written(int fd, long long offset, const char* data, size_t size) override;
     // The lower-case hex digest of the whole file at `path`, reading from it
     // only what was not streamed; empty when the file cannot be read. Once.

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "batch/digest_stream.h"
+#include "batch/resume_record.h"
 #include "channel/atomics.h"
 #include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
@@ -61,6 +62,11 @@ public:
         webChannel::logChecksum(m_path, text);
         return text;
     }
+    // Makes the target exist, keeping what it holds.
+    bool create() {
+        if (m_fd < 0) m_fd = ::open(m_path, O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+        return m_fd >= 0;
+    }
     // Makes the target exist and be empty.
     bool empty() {
         if (m_fd >= 0) return ftruncate(m_fd, 0) == 0;
@@ -75,6 +81,25 @@ private:
 
 }  // namespace
 
+long long webChannel::probeSize(const char* url) {
+    // The head of a GET tells the size. -1 marks "no length seen", so a stale
+    // length of an earlier response is never taken, and an announced length
+    // of 0 (an empty file) is.
+    atomicStore(m_responseLength, -1LL);
+    int result = fetch(url, std::string(), nullptr, nullptr);
+    releaseRetired();
+    long long size = result == kOk ? atomicLoad(m_responseLength) : -1;
+    if (logging()) log("VRAXSecureWebChannel::addJob: calculated size is %lld", size);
+    if (size >= 0) return size;
+    atomicStore(m_responseLength, 0LL);
+    if (hasParam(kParamErrorDetail)) {
+        // The job is refused as always; the error state tells why.
+        if (result == kOk) noteFailure(kInvalidArgument, "no size in the answer (no Content-Length)");
+        setDetailedError(result == kOk ? kInvalidArgument : result, url);
+    }
+    return -1;
+}
+
 int webChannel::addJob(const char* url, const char* file, long long size, const char* checksum_,
                        const char* algorithm) {
     if (logging())
@@ -84,23 +109,8 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
 
     if (size == 0 && !hasParam(kParamUnknownSize)) {
         if (m_buffer == nullptr) return kInvalidArgument;  // init() has not sized the buffers
-        // Probe: the head of a GET tells the size. -1 marks "no length seen",
-        // so a stale length of an earlier response is never taken, and an
-        // announced length of 0 (an empty file) is.
-        atomicStore(m_responseLength, -1LL);
-        int result = fetch(url, std::string(), nullptr, nullptr);
-        releaseRetired();
-        size = result == kOk ? atomicLoad(m_responseLength) : -1;
-        if (logging()) log("VRAXSecureWebChannel::addJob: calculated size is %lld", size);
-        if (size < 0) {
-            atomicStore(m_responseLength, 0LL);
-            if (hasParam(kParamErrorDetail)) {
-                // The job is refused as always; the error state tells why.
-                if (result == kOk) noteFailure(kInvalidArgument, "no size in the answer (no Content-Length)");
-                setDetailedError(result == kOk ? kInvalidArgument : result, url);
-            }
-            return kInvalidArgument;
-        }
+        size = probeSize(url);
+        if (size < 0) return kInvalidArgument;
     }
     // No blank after the colon: the line stays as hosts' log filters match it.
     if (logging()) log("VRAXSecureWebChannel::addJob:file is %s", file);
@@ -120,19 +130,28 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
     JobTarget target(file);
     if (!job.algorithm.empty() && !job.checksum.empty()) {
         std::string digest = target.digest(*this, job.algorithm);
-        if (digest.size() == job.checksum.size() && digest == job.checksum) return kAlreadyPresent;
+        if (digest.size() == job.checksum.size() && digest == job.checksum) {
+            if (hasParam(kParamContinue)) unlink(ResumeRecord::pathFor(file).c_str());  // done with
+            return kAlreadyPresent;
+        }
     }
 
     std::string directory = get_dirname(file);
     if (!directory.empty() && !path_exists(directory)) folder_create(directory, 0755);
 
+    // With the continue parameter on the channel, the job continues what an
+    // earlier run left in its target; otherwise it starts from an empty
+    // target, and a control record an earlier run left beside it goes, as
+    // it no longer tells what the target holds.
+    const bool continuing = hasParam(kParamContinue) && size > 0;
+    if (continuing) findParam(kParamContinue, job.params[kParamContinue]);
     if (jobPosition(job.url) < 0) {
         m_jobIndex[job.url] = m_httpGetJobs.size();
         m_httpGetJobs.push_back(job);
     }
+    if (!continuing) unlink(ResumeRecord::pathFor(file).c_str());
 
-    // Every new job starts from an empty target.
-    if (!target.empty()) {
+    if (continuing ? !target.create() : !target.empty()) {
         const int error = errno;
         if (hasParam(kParamErrorDetail)) {
             noteFailure(kFileWrite, systemText(error));
@@ -160,6 +179,7 @@ int webChannel::removeJob(const char* url) {
         // Later jobs moved down by one.
         m_jobIndex.erase(probe.url);
         dropDigestStream(probe.url);
+        m_resumeRecords.erase(probe.url);
         for (size_t i = (size_t)position; i < m_httpGetJobs.size(); ++i) m_jobIndex[m_httpGetJobs[i].url] = i;
         ScopedLock lock(m_lock4);
         m_verifiedStale = true;

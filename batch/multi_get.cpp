@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "batch/resume_record.h"
 #include "channel/atomics.h"
 #include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
@@ -19,6 +20,7 @@ int webChannel::httpMultiGet(bool finalize) {
     initBatch();
     indexBatch();
     int result = runWorkers();
+    flushResumeRecords();
     if (result != kOk) return result;
 
     if (atomicLoad(m_handler) != nullptr) handleProgress(-1, 0, 0, 0);
@@ -27,9 +29,9 @@ int webChannel::httpMultiGet(bool finalize) {
     // the next batch resumes.
     for (threadData* record : m_batch) {
         std::vector<httpGetJob>& jobs = record->jobs;
-        jobs.erase(std::remove_if(jobs.begin(), jobs.end(),
-                                  [this](const httpGetJob& job) { return urlCounter(job.url) < 1; }),
-                   jobs.end());
+        jobs.erase(
+            std::remove_if(jobs.begin(), jobs.end(), [this](const httpGetJob& job) { return urlCounter(job.url) < 1; }),
+            jobs.end());
     }
     if (finalize) finalizeBatch();
 
@@ -46,8 +48,15 @@ int webChannel::httpMultiGet(bool finalize) {
 
 void webChannel::prepareTargets() {
     for (const httpGetJob& job : m_httpGetJobs) {
+        // A file that continues keeps its bytes, unless it failed its
+        // verification: then it starts over like any other.
+        const ResumeRecord* record = resumeRecord(job.url);
+        const bool keep = continues(job) && (record == nullptr || !record->discarded());
         // A file that starts over is hashed afresh; a verified one is done.
-        if (m_batch.empty() || urlCounter(job.url) <= 0) dropDigestStream(job.url);
+        if (m_batch.empty() || urlCounter(job.url) <= 0) {
+            dropDigestStream(job.url);
+            m_resumeRecords.erase(job.url);
+        }
         if (m_batch.empty()) {
             // First batch of this channel: addJob already created or emptied
             // every target.
@@ -57,7 +66,7 @@ void webChannel::prepareTargets() {
             // Added since the last batch, or failed its verification: the
             // file is fetched again from its first byte.
             if (logging()) log("VRAXSecureWebChannel::httpMultiGet: m_httpGetJobs.url=0");
-            if (!job.file.empty()) remove_file(job.file);
+            if (!job.file.empty() && !keep) remove_file(job.file);
         }
     }
 }

@@ -27,6 +27,10 @@ void webChannel::initBatch() {
     long long total = 0;
     for (const httpGetJob& job : m_httpGetJobs) {
         if (m_downloaded[job.url] != 0) continue;  // planned earlier, or finished
+        if (continues(job)) {
+            total += continueJob(job, work);
+            continue;
+        }
         work.push_back(job);
         total += job.size;
     }
@@ -97,6 +101,6 @@ void webChannel::dealWholeFiles(std::vector<httpGetJob>& work) {
             record->jobs.push_back(work[cursor]);
             m_batch.push_back(record);
         }
-        m_downloaded[work[cursor].url] = 1;
+        m_downloaded[work[cursor].url] += 1;  // a file continued may have several
     }
 }

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <optional>
 
+#include "batch/resume_record.h"
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
 #include "http/response.h"
@@ -309,6 +310,23 @@ Stop judgeStatus(Attempt& a, ConnectionLease& lease) {
     return std::nullopt;
 }
 
+// A file continued from an earlier run whose server answers a range with
+// the whole file starts over: the kept bytes are given up, and the piece that
+// met the answer first now writes the file from its first byte to its last.
+void startOverIfContinued(Attempt& a) {
+    ResumeRecord* resume = a.channel.resumeRecord(a.job->url);
+    if (resume == nullptr || !resume->startOver()) return;
+    if (webChannel::logging())
+        webChannel::log(
+            "VRAXSecureWebChannel::httpGet(thread %d, file %s): the server sent the whole file for bytes %lld-%lld: "
+            "starting the file over",
+            a.thread, a.target, a.job->start, a.job->end);
+    a.job->start = 0;
+    a.job->end = resume->size() - 1;
+    atomicStore(a.job->size, resume->size());
+    atomicStore(a.job->downloaded, 0LL);
+}
+
 // Works out the framing and where the body lands. A ranged request answered
 // with the whole file (200 instead of 206) starts at the file's first byte:
 // the bytes before this piece are skipped, so that each byte lands at its
@@ -317,6 +335,7 @@ Stop planBody(Attempt& a, Body& body) {
     if (a.head.contentLengthSeen && a.head.contentLength < 0) return kBadStatus;
     body.chunked = a.mode == kChunked;
     const bool wholeFile = a.ranged && a.code == 200;
+    if (wholeFile) startOverIfContinued(a);
     body.skip = wholeFile ? a.job->start : 0;
     if (wholeFile && body.chunked && body.skip > 0) return kBadStatus;
     body.untilClose = !body.chunked && !a.head.contentLengthSeen && a.code != 204 && a.code != 304;

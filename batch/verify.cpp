@@ -8,6 +8,7 @@
 #include <set>
 
 #include "batch/digest_stream.h"
+#include "batch/resume_record.h"
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
 
@@ -53,15 +54,19 @@ int webChannel::checksumJob(threadData* record, unsigned int j) {
     }
     if ((int)(current - 1) != 0) return kOk;
 
+    ResumeRecord* resume = resumeRecord(job.url);
     if (job.algorithm.empty()) {
         // The size compared is this job's: for a file cut into pieces, the
-        // size of the piece that finished last.
+        // size of the piece that finished last. A file that continued an
+        // earlier run is held to its whole size: its pieces are only what
+        // was missing.
         long long length = filesize(job.file);
-        if (job.size > 0 && job.size != length) {
+        const long long expected = resume != nullptr ? resume->size() : job.size;
+        if (expected > 0 && expected != length) {
             if (logging())
                 log("VRAXSecureWebChannel::checksumJob: thread %d, job %d, expected size for file %s is %d, actual "
                     "is %d",
-                    record->index, (int)j, job.file.c_str(), (int)job.size, (int)length);
+                    record->index, (int)j, job.file.c_str(), (int)expected, (int)length);
             return kChecksumMismatch;
         }
     } else {
@@ -78,6 +83,7 @@ int webChannel::checksumJob(threadData* record, unsigned int j) {
         }
     }
     // Complete and verified: getNextDownloadedFile may hand it out now.
+    if (resume != nullptr) resume->finish();
     settleProgress(record, &job);
     atomicStore(counter->second, kUrlVerified);
     noteVerified(job.url);
@@ -91,6 +97,7 @@ int webChannel::checksumErrJob(threadData* record, unsigned int j) {
         log("VRAXSecureWebChannel::checksumErrJob: thread %d, job %d, registing checksum mismatch for file %s",
             record->index, (int)j, job.file.c_str());
     long long length = filesize(job.file);
+    if (ResumeRecord* resume = resumeRecord(job.url)) resume->discard();
     atomicStore(record->error, (int)kChecksumMismatch);
     recordFailure(kChecksumMismatch, job.file);
     if (atomicLoad(m_handler) != nullptr) handleProgress(0, length, job.size, record->index);
@@ -117,6 +124,8 @@ void webChannel::attachDigestStreams() {
     for (threadData* record : m_batch) {
         for (httpGetJob& job : record->jobs) {
             job.observer = nullptr;
+            ResumeRecord* resume = resumeRecord(job.url);
+            if (resume != nullptr) job.observer = resume;
             if (job.algorithm.empty()) continue;
             std::unique_ptr<DigestStream>& stream = m_digestStreams[job.url];
             if (stream == nullptr) {
@@ -126,8 +135,15 @@ void webChannel::attachDigestStreams() {
                     continue;
                 }
                 stream = std::make_unique<DigestStream>(digest, written.count(job.url) != 0);
+                // The bytes an earlier run left are read back from the file
+                // as the prefix reaches them.
+                if (resume != nullptr) stream->seed(resume->kept());
             }
-            job.observer = stream.get();
+            // The control record notes the bytes, then passes them on.
+            if (resume != nullptr)
+                resume->chain(stream.get());
+            else
+                job.observer = stream.get();
         }
     }
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "batch/digest_stream.h"
+#include "batch/resume_record.h"
 #include "channel/atomics.h"
 #include "channel/globals.h"
 #include "channel/scoped_lock.h"
@@ -45,6 +46,7 @@ int webChannel::init(unsigned threadNum) {
     m_jobIndex.clear();
     m_downloaded.clear();
     m_digestStreams.clear();
+    m_resumeRecords.clear();
     {
         ScopedLock lock(m_lock4);
         m_verifiedStale = true;
@@ -95,6 +97,7 @@ void webChannel::close() {
     m_batch.clear();
     // The next batch plans every file afresh.
     m_digestStreams.clear();
+    m_resumeRecords.clear();
     emptyPool(m_connections, m_retiredConnections);
 }
 

@@ -7,6 +7,8 @@
 #define WEBCHANNEL_WEBCHANNEL_H
 
 #include <netinet/in.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
 #include <pthread.h>
 
 #include <cstdio>
@@ -18,14 +20,12 @@
 #include <unordered_map>
 #include <vector>
 
-#include <openssl/ssl.h>
-#include <openssl/x509.h>
-
 #include "VRAXSecureWebChannel.h"
 
 struct ResponseHead;
 class BodyObserver;
 class DigestStream;
+class ResumeRecord;
 
 using namespace wc;
 
@@ -57,8 +57,8 @@ constexpr bool isRedirectPending(int attempts) {
 constexpr int kDefaultTimeout = 300;
 // A URL's state counter in m_downloaded: 0 while not planned, then the number
 // of its pieces still to finish; these two once the file is complete.
-constexpr long kUrlVerified = -1;    // verified, waiting for getNextDownloadedFile
-constexpr long kUrlHandedOut = -2;   // handed out to the host
+constexpr long kUrlVerified = -1;   // verified, waiting for getNextDownloadedFile
+constexpr long kUrlHandedOut = -2;  // handed out to the host
 
 class webChannel : public VRAXSecureWebChannel {
 public:
@@ -73,9 +73,9 @@ public:
         unsigned long address;      // target IPv4 address, network order; 0 behind a proxy
         std::string host;
         std::string port;
-        std::string spare1;         // reserved on purpose: nothing reads or writes it yet, the record keeps the slot
+        std::string spare1;  // reserved on purpose: nothing reads or writes it yet, the record keeps the slot
         bool https;
-        std::string location;       // redirect target left by the response parser
+        std::string location;  // redirect target left by the response parser
         SSL* ssl;
         sockaddr_in serverAddress;  // where the socket is connected (proxy or target)
     };
@@ -101,14 +101,14 @@ public:
         bool operator==(const httpGetJob& other) const { return url == other.url; }
         std::string url;
         std::string file;
-        long long size;        // bytes this job delivers; 0 = unknown
-        std::string checksum;  // expected digest, lower-case hex; empty = none
-        std::string algorithm; // digest name, lower case; empty = none
-        long long start;       // offset of the range's first byte
-        long long end;         // offset of its last byte, inclusive
-        long long downloaded;  // bytes of the range already written
-        int part;              // piece number
-        AccessParams params;   // per-job access parameters
+        long long size;         // bytes this job delivers; 0 = unknown
+        std::string checksum;   // expected digest, lower-case hex; empty = none
+        std::string algorithm;  // digest name, lower case; empty = none
+        long long start;        // offset of the range's first byte
+        long long end;          // offset of its last byte, inclusive
+        long long downloaded;   // bytes of the range already written
+        int part;               // piece number
+        AccessParams params;    // per-job access parameters
         // While a transfer runs: told of the bytes written (the file's
         // digest stream, or none), the file offset the next body byte goes
         // to, and whether a chunked body ended exactly where the read that
@@ -145,29 +145,29 @@ public:
     ~webChannel() override;
 
     // ---- the interface, in slot order ----
-    void setLog(const char* path) override;                                         // channel/log.cpp
-    int init(unsigned threadNum) override;                                          // channel/lifecycle.cpp
-    int setProxy(const char* httpProxy, const char* httpsProxy) override;           // transport/proxy.cpp
-    const char* resolveProxy(const char* url) override;                             // transport/proxy.cpp
-    void setHandler(ProgressHandler handler, void* userData) override;              // channel/progress.cpp
-    void setParam(int id, const char* value, bool channel) override;                // channel/params.cpp
-    bool getParam(int id, std::string& value, bool channel) override;               // channel/params.cpp
-    int getNextDownloadedFile() override;                                           // batch/multi_get.cpp
-    int getErrorCode(char* buffer, int size) override;                              // channel/errors.cpp
-    int httpGet(const char* url, const char* file) override;                        // http/single_get.cpp
-    int httpGet(const char* url) override;                                          // http/single_get.cpp
-    int httpGet_c(const char* url, const char* file) override;                      // http/single_get.cpp
-    int httpPost(const char* url, char* headers, char* body, bool flag) override;   // http/post.cpp
-    const char* httpResponse(long long* length) override;                           // http/single_get.cpp
+    void setLog(const char* path) override;                                        // channel/log.cpp
+    int init(unsigned threadNum) override;                                         // channel/lifecycle.cpp
+    int setProxy(const char* httpProxy, const char* httpsProxy) override;          // transport/proxy.cpp
+    const char* resolveProxy(const char* url) override;                            // transport/proxy.cpp
+    void setHandler(ProgressHandler handler, void* userData) override;             // channel/progress.cpp
+    void setParam(int id, const char* value, bool channel) override;               // channel/params.cpp
+    bool getParam(int id, std::string& value, bool channel) override;              // channel/params.cpp
+    int getNextDownloadedFile() override;                                          // batch/multi_get.cpp
+    int getErrorCode(char* buffer, int size) override;                             // channel/errors.cpp
+    int httpGet(const char* url, const char* file) override;                       // http/single_get.cpp
+    int httpGet(const char* url) override;                                         // http/single_get.cpp
+    int httpGet_c(const char* url, const char* file) override;                     // http/single_get.cpp
+    int httpPost(const char* url, char* headers, char* body, bool flag) override;  // http/post.cpp
+    const char* httpResponse(long long* length) override;                          // http/single_get.cpp
     int addJob(const char* url, const char* file, long long size, const char* checksum,
-               const char* algorithm) override;                                     // batch/jobs.cpp
+               const char* algorithm) override;  // batch/jobs.cpp
     int addJob_c(const char* url, const char* file, long long size, const char* checksum,
-                 const char* algorithm) override;                                   // batch/jobs.cpp
-    int httpMultiGet(bool flag) override;                                           // batch/multi_get.cpp
-    int removeJob(const char* url) override;                                        // batch/jobs.cpp
+                 const char* algorithm) override;                                           // batch/jobs.cpp
+    int httpMultiGet(bool flag) override;                                                   // batch/multi_get.cpp
+    int removeJob(const char* url) override;                                                // batch/jobs.cpp
     int isValid(const char* file, const char* checksum, const char* algorithm) override;    // batch/jobs.cpp
     int isValid_c(const char* file, const char* checksum, const char* algorithm) override;  // batch/jobs.cpp
-    void close() override;                                                          // channel/lifecycle.cpp
+    void close() override;                                                                  // channel/lifecycle.cpp
 
     // ---- channel/: log (log.cpp) ----
     static void log(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -320,6 +320,9 @@ public:
     void planShares(std::vector<httpGetJob>& work, long long total);
     // Unknown sizes: whole files dealt round-robin.
     void dealWholeFiles(std::vector<httpGetJob>& work);
+    // A job that continues an earlier run: only the ranges missing on disk
+    // go into the work list; their bytes are returned.
+    long long continueJob(const httpGetJob& job, std::vector<httpGetJob>& work);
 
     // ---- batch/: driver and workers (multi_get.cpp) ----
     void finalizeBatch();
@@ -332,6 +335,9 @@ public:
     static void* executeHttpGet(void* record);
     int executeJob(threadData* record, unsigned int j);
     int downloadJob(threadData* record, unsigned int j);
+    // The size of the file at `url` from the head of a GET, or -1 (noted as
+    // the error when the error detail is on).
+    long long probeSize(const char* url);
     // Position of the job with this URL in m_httpGetJobs, or -1.
     long jobPosition(const std::string& url);
     // Notes that the file of this URL was verified, for getNextDownloadedFile.
@@ -365,6 +371,13 @@ public:
     void attachDigestStreams();
     // Drops the stream of a file that starts over or is done.
     void dropDigestStream(const std::string& url);
+    // Whether a job continues what an earlier run left (it carries the
+    // continue parameter and its size is known).
+    static bool continues(const httpGetJob& job);
+    // The control record of a pending file that continues, or null.
+    ResumeRecord* resumeRecord(const std::string& url) const;
+    // After the workers: every control record brought up to date.
+    void flushResumeRecords();
     int checksumErrJob(threadData* record, unsigned int j);
 
     // ---- members, in declaration order ----
@@ -389,10 +402,10 @@ public:
     std::vector<httpGetJob> m_httpGetJobs;
     std::map<std::string, long> m_downloaded;
     std::vector<threadData*> m_batch;
-    pthread_mutex_t m_lock1;  // m_hostAddresses
-    pthread_mutex_t m_lock2;  // m_proxyAnswers
-    pthread_mutex_t m_lock3;  // m_params (the cookie capture writes it from workers)
-    pthread_mutex_t m_lock4;  // m_verified
+    pthread_mutex_t m_lock1;      // m_hostAddresses
+    pthread_mutex_t m_lock2;      // m_proxyAnswers
+    pthread_mutex_t m_lock3;      // m_params (the cookie capture writes it from workers)
+    pthread_mutex_t m_lock4;      // m_verified
     pthread_mutex_t m_errorLock;  // m_errorMessage and m_errorContext
     unsigned int m_threadNum;
     int* m_incomplete;
@@ -416,6 +429,9 @@ public:
     // Digest streams of the pending files with a digest, by URL. Changed only
     // between batches; workers reach them through their jobs' observers.
     std::unordered_map<std::string, std::unique_ptr<DigestStream>> m_digestStreams;
+    // Control records of the pending files that continue, by URL; changed
+    // only between batches, like the digest streams.
+    std::unordered_map<std::string, std::unique_ptr<ResumeRecord>> m_resumeRecords;
     int m_filesRehashed;  // through atomics.h: files whose digest came from disk after all
     // The running progress totals (through atomics.h): bytes written and size
     // of the pending pieces, finished files; and per job of the list what its

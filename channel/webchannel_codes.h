@@ -46,6 +46,7 @@ enum : int {
     kParamCookie = 3018,          // cookie text sent as "Cookie"
     kParamProxyAuth = 3019,       // base64 proxy credentials sent as "Proxy-Authorization"
     kParamNoCache = 3020,         // presence: send the three no-cache headers
+    kParamContinue = 3022,        // presence, per job: continue what an earlier run left on disk
     kParamErrorDetail = 3023,     // presence: getErrorCode gives what failed and why, in a whole message
 };
 

@@ -80,15 +80,18 @@ bool loadLibrary(const Options& options, Library& library) {
     if (library.handle == nullptr && !explicitChoice) {
         // The loader's search path (LD_LIBRARY_PATH, ld.so.cache).
         library.handle = dlopen("libwebchannel.so.1", RTLD_NOW | RTLD_LOCAL);
-        if (library.handle != nullptr) library.path = "libwebchannel.so.1";
-        else if (const char* why = dlerror()) errors += std::string("\n  ") + why;
+        if (library.handle != nullptr)
+            library.path = "libwebchannel.so.1";
+        else if (const char* why = dlerror())
+            errors += std::string("\n  ") + why;
     }
     if (library.handle == nullptr) {
         complain("cannot load the library%s%s", errors.empty() ? " (not found; use --library PATH)" : ":",
                  errors.c_str());
         return false;
     }
-    library.create = reinterpret_cast<VRAXSecureWebChannelCreateFn>(dlsym(library.handle, "VRAXSecureWebChannelCreate"));
+    library.create =
+        reinterpret_cast<VRAXSecureWebChannelCreateFn>(dlsym(library.handle, "VRAXSecureWebChannelCreate"));
     library.destroy =
         reinterpret_cast<VRAXSecureWebChannelDestroyFn>(dlsym(library.handle, "VRAXSecureWebChannelDestroy"));
     if (library.create == nullptr || library.destroy == nullptr) {
@@ -124,6 +127,8 @@ int configureChannel(VRAXSecureWebChannel* channel, const Options& options) {
     }
     if (!options.timeout.empty()) channel->setParam(wc::kParamTimeout, options.timeout.c_str(), true);
     if (options.noCache) channel->setParam(wc::kParamNoCache, "1", true);
+    // Every job added from now on continues its target.
+    if (options.resume) channel->setParam(wc::kParamContinue, "1", true);
     if (options.cookieGiven) channel->setParam(wc::kParamCookie, options.cookie.c_str(), true);
     if (options.keepCookies) channel->setParam(wc::kParamCookieCapture, "1", true);
     if (options.unknownSize) channel->setParam(wc::kParamUnknownSize, "1", true);

@@ -31,6 +31,7 @@ enum OptionId : int {
     kOptTimeout = 'T',
     kOptUser = 'u',
     kOptQuiet = 'q',
+    kOptContinue = 'c',
     kOptHelp = 'h',
     kOptVersion = 'V',
     kOptPost = 1000,
@@ -61,7 +62,8 @@ const OptionDoc kOptions[] = {
      "Batch from a manifest: one job a line, 'URL TARGET [SIZE [DIGEST [ALGORITHM]]]', whitespace-separated, "
      "'#' starts a comment. SIZE 0 or absent: the library asks the server. DIGEST '-' or absent: verify by "
      "size only; such a batch then gives every file whole to one worker, as a file cut into pieces can only be "
-     "verified by its digest. ALGORITHM defaults from the digest's length (md5, sha1, sha256, sha512). Relative targets are "
+     "verified by its digest. ALGORITHM defaults from the digest's length (md5, sha1, sha256, sha512). Relative "
+     "targets are "
      "taken under -d DIR when given. FILE '-' reads standard input."},
     {"directory", kOptDirectory, "DIR",
      "Directory for the batch targets (created when missing). With URLs on the command line each goes to "
@@ -93,6 +95,12 @@ const OptionDoc kOptions[] = {
     {"unknown-size", kOptUnknownSize, nullptr,
      "Do not ask for sizes before the batch: sizes come from the responses and whole files are dealt to the "
      "workers in turn (no splitting of large files)."},
+    {"continue", kOptContinue, nullptr,
+     "Batches: continue what an earlier run left. Each file keeps a control record beside it while it is "
+     "incomplete (TARGET.resume: the byte ranges on disk, updated at least every 4 MiB and every second); a "
+     "run with -c fetches only the ranges it lacks and verifies the whole file. Without a record, a target "
+     "shorter than its size is continued at its end. An interrupt (Ctrl-C, SIGTERM) records the state before "
+     "webget exits. A server that ignores ranges makes the file start over."},
     {"log", kOptLog, "FILE", "Write the library's log to FILE."},
     {"library", kOptLibrary, "PATH",
      "Load the library from PATH (also: environment variable WEBGET_LIBRARY). Default: ../libwebchannel.so "
@@ -159,8 +167,10 @@ void printHelp(FILE* out) {
             gProgram);
     for (const OptionDoc& option : kOptions) {
         std::string head = "  ";
-        if (option.id < 256) head += std::string("-") + (char)option.id + ", ";
-        else head += "    ";
+        if (option.id < 256)
+            head += std::string("-") + (char)option.id + ", ";
+        else
+            head += "    ";
         head += std::string("--") + option.longName;
         if (option.argument != nullptr) head += std::string(" ") + option.argument;
         fprintf(out, "%s\n%s", head.c_str(), wrap(option.help, 8, 80).c_str());
@@ -225,8 +235,7 @@ int takePostData(const std::string& value, Options& options) {
     } else {
         options.postData = value;
     }
-    if (options.postData.find('\0') != std::string::npos)
-        return usage("%s: POST data cannot contain NUL bytes", value);
+    if (options.postData.find('\0') != std::string::npos) return usage("%s: POST data cannot contain NUL bytes", value);
     return -1;
 }
 
@@ -246,64 +255,96 @@ int refuseOption(char** argv) {
 int takeOption(int id, const std::string& value, Options& options, char** argv) {
     long long number = 0;
     switch (id) {
-    case kOptInput: options.manifest = value; break;
-    case kOptDirectory:
-        options.directory = value;
-        options.directoryGiven = true;
-        break;
-    case kOptOutput: options.output = value; break;
-    case kOptStdout:
-        if (value == "-") options.toStdout = true;
-        else options.output = value;
-        break;
-    case kOptPost: return takePostData(value, options);
-    case kOptHeader:
-        if (value.find(':') == std::string::npos || value.find_first_of("\r\n") != std::string::npos ||
-            value[0] == ':')
-            return usage("bad header '%s' (expected 'Name: value' on one line)", value);
-        options.headers.push_back(value);
-        break;
-    case kOptJobs:
-        if (!parseInt(value, 1, kMaxWorkers, number)) return usage("bad worker count '%s' (1 to 64)", value);
-        options.workers = (unsigned)number;
-        break;
-    case kOptTimeout:
-        if (!parseInt(value, 1, kMaxTimeoutSeconds, number))
-            return usage("bad time-out '%s' (seconds, at least 1)", value);
-        options.timeout = value;
-        break;
-    case kOptHttpProxy:
-        options.httpProxy = value;
-        options.httpProxyGiven = true;
-        break;
-    case kOptHttpsProxy:
-        options.httpsProxy = value;
-        options.httpsProxyGiven = true;
-        break;
-    case kOptUser:
-        if (value.find(':') == std::string::npos) return usage("bad credentials '%s' (expected USER:PASSWORD)", value);
-        options.user = value;
-        options.userGiven = true;
-        break;
-    case kOptCookie:
-        options.cookie = value;
-        options.cookieGiven = true;
-        break;
-    case kOptKeepCookies: options.keepCookies = true; break;
-    case kOptNoCache: options.noCache = true; break;
-    case kOptUnknownSize: options.unknownSize = true; break;
-    case kOptLog: options.logFile = value; break;
-    case kOptLibrary: options.library = value; break;
-    case kOptQuiet: options.quiet = true; break;
-    case kOptJson: options.json = true; break;
-    case kOptChecksums: options.checksumFiles.push_back(value); break;
-    case kOptShard:
-        if (!parseShard(value, options.shardIndex, options.shardCount))
-            return usage("bad share '%s' (expected I/N with 0 <= I < N)", value);
-        break;
-    case kOptHelp: printHelp(stdout); return kExitOk;
-    case kOptVersion: printf("%s %s\n", gProgram, WEBGET_VERSION); return kExitOk;
-    default: return refuseOption(argv);
+        case kOptInput:
+            options.manifest = value;
+            break;
+        case kOptDirectory:
+            options.directory = value;
+            options.directoryGiven = true;
+            break;
+        case kOptOutput:
+            options.output = value;
+            break;
+        case kOptStdout:
+            if (value == "-")
+                options.toStdout = true;
+            else
+                options.output = value;
+            break;
+        case kOptPost:
+            return takePostData(value, options);
+        case kOptHeader:
+            if (value.find(':') == std::string::npos || value.find_first_of("\r\n") != std::string::npos ||
+                value[0] == ':')
+                return usage("bad header '%s' (expected 'Name: value' on one line)", value);
+            options.headers.push_back(value);
+            break;
+        case kOptJobs:
+            if (!parseInt(value, 1, kMaxWorkers, number)) return usage("bad worker count '%s' (1 to 64)", value);
+            options.workers = (unsigned)number;
+            break;
+        case kOptTimeout:
+            if (!parseInt(value, 1, kMaxTimeoutSeconds, number))
+                return usage("bad time-out '%s' (seconds, at least 1)", value);
+            options.timeout = value;
+            break;
+        case kOptHttpProxy:
+            options.httpProxy = value;
+            options.httpProxyGiven = true;
+            break;
+        case kOptHttpsProxy:
+            options.httpsProxy = value;
+            options.httpsProxyGiven = true;
+            break;
+        case kOptUser:
+            if (value.find(':') == std::string::npos)
+                return usage("bad credentials '%s' (expected USER:PASSWORD)", value);
+            options.user = value;
+            options.userGiven = true;
+            break;
+        case kOptCookie:
+            options.cookie = value;
+            options.cookieGiven = true;
+            break;
+        case kOptKeepCookies:
+            options.keepCookies = true;
+            break;
+        case kOptNoCache:
+            options.noCache = true;
+            break;
+        case kOptUnknownSize:
+            options.unknownSize = true;
+            break;
+        case kOptLog:
+            options.logFile = value;
+            break;
+        case kOptLibrary:
+            options.library = value;
+            break;
+        case kOptQuiet:
+            options.quiet = true;
+            break;
+        case kOptJson:
+            options.json = true;
+            break;
+        case kOptContinue:
+            options.resume = true;
+            break;
+        case kOptChecksums:
+            options.checksumFiles.push_back(value);
+            break;
+        case kOptShard:
+            if (!parseShard(value, options.shardIndex, options.shardCount))
+                return usage("bad share '%s' (expected I/N with 0 <= I < N)", value);
+            break;
+        case kOptHelp:
+            printHelp(stdout);
+            return kExitOk;
+        case kOptVersion:
+            printf("%s %s\n", gProgram, WEBGET_VERSION);
+            return kExitOk;
+        default:
+            return refuseOption(argv);
     }
     return -1;
 }

@@ -89,6 +89,7 @@ struct Options {
     std::string library;
     bool quiet = false;
     bool json = false;      // the batch's account as JSON on standard output
+    bool resume = false;    // -c: continue what an earlier run left
     unsigned long shardIndex = 0, shardCount = 1;  // --shard I/N: this process's share
     std::vector<std::string> checksumFiles;        // --checksums FILE, in order
     std::vector<std::string> urls;

@@ -1,0 +1,145 @@
+// Files continued from an earlier run: only the missing ranges are fetched, the control record follows what is on
+// disk, and whatever is continued ends verified whole or starts over.
+#include <set>
+
+#include "batch/batch_helpers.h"
+#include "batch/resume_record.h"
+
+namespace {
+
+using namespace batchtest;
+using Ranges = ResumeRecord::Ranges;
+using Resume = Fixture<>;
+constexpr uint64_t kSize = 3 << 20, kSeed = 77;
+constexpr long long M = 1 << 20;
+
+// The byte ranges the server was asked for, merged.
+Ranges asked(const Routes& server, const std::string& path) {
+    Ranges ranges;
+    for (const std::string& request : server.requestsFor(path)) {
+        long long last = (long long)kSize - 1, first = firstByte(request, &last);
+        ranges[std::max(first, 0LL)] = last + 1;
+    }
+    for (auto at = ranges.begin(); at != ranges.end() && std::next(at) != ranges.end();)
+        if (std::next(at)->first <= at->second) {
+            at->second = std::max(at->second, std::next(at)->second);
+            ranges.erase(std::next(at));
+        } else {
+            ++at;
+        }
+    return ranges;
+}
+
+// A target of `length` bytes of garbage with the right bytes in `good`.
+void leave(const std::string& path, long long length, const Ranges& good) {
+    std::string bytes(length, 'x');
+    for (const auto& range : good)
+        bytes.replace(range.first, range.second - range.first,
+                      generated(kSeed, range.first, range.second - range.first));
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+struct Case {
+    const char* name;
+    long long length;  // of the target left behind
+    Ranges good;       // its right bytes
+    long long recordSize;
+    Ranges recorded;
+    bool digest, continued, ignoresRanges;
+    Ranges fetched;  // what the server must be asked for
+};
+
+// Every way an earlier run can leave a file: each ends with the file whole and verified and its record gone,
+// having fetched exactly what was missing, or everything when what is on disk cannot be trusted.
+TEST_F(Resume, OnlyTheMissingRangesAreFetchedAndTheWholeFileIsVerified) {
+    const long long N = kSize;
+    const Ranges split = {{0, M}, {2 * M, 5 * M / 2}}, all = {{0, N}};
+    const Case cases[] = {
+        {"recorded ranges", 5 * M / 2, split, N, split, true, true, false, {{M, 2 * M}, {5 * M / 2, N}}},
+        {"recorded ranges, size only", 5 * M / 2, split, N, split, false, true, false, {{M, 2 * M}, {5 * M / 2, N}}},
+        {"no record, shorter target", 5 * M / 4, {{0, 5 * M / 4}}, 0, {}, true, true, false, {{5 * M / 4, N}}},
+        {"no record, target as long as the file", N, {}, 0, {}, false, true, false, all},
+        {"record of another size", N, {}, N + 1, all, true, true, false, all},
+        {"all there", N, all, N, all, false, true, false, {{N - 1, N}}},
+        {"without the continue parameter", 5 * M / 2, split, N, split, true, false, false, all},
+        {"server ignores ranges", 5 * M / 2, split, N, split, true, true, true, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        LogCapture log;
+        Routes server({{"/f", content(kSeed, kSize, c.ignoresRanges)}});
+        const std::string target = dir + "/f";
+        leave(target, c.length, c.good);
+        if (c.recordSize > 0)
+            std::ofstream(ResumeRecord::pathFor(target))
+                << formatResumeRecord(server.url("/f"), c.recordSize, c.recorded);
+        webChannel channel;
+        init(channel, 2);
+        if (c.continued) channel.setParam(kParamContinue, "", true);
+        if (c.digest)
+            add(channel, server.url("/f"), "/f", kSeed, kSize);
+        else
+            job(channel, server.url("/f"), "/f", (long long)kSize);
+        EXPECT_EQ(channel.httpMultiGet(true), 0);
+        EXPECT_TRUE(fileHoldsGenerated(target, kSeed, kSize));
+        EXPECT_FALSE(std::filesystem::exists(ResumeRecord::pathFor(target)));
+        if (c.ignoresRanges)
+            EXPECT_EQ(countLines(log.text(), "starting the file over"), 1);
+        else
+            EXPECT_EQ(asked(server, "/f"), c.fetched);
+        std::filesystem::remove(target);
+    }
+}
+
+// A batch stopped by its host leaves a record naming exactly the bytes on disk; a run after it fetches the rest.
+// A file that then fails its digest loses its record and starts over from its first byte.
+TEST_F(Resume, AStoppedBatchRecordsWhatIsOnDiskAndAFailedFileStartsOver) {
+    const uint64_t size = 16 << 20;
+    Routes server({{"/f", content(kSeed, size)}});
+    const std::string target = dir + "/f", record = ResumeRecord::pathFor(target);
+    {
+        webChannel channel;
+        init(channel, 2);
+        channel.setParam(kParamContinue, "", true);
+        channel.setHandler([](bool& cancel, int, long long done, long long, int, void*) { cancel = done >= M; },
+                           nullptr);
+        add(channel, server.url("/f"), "/f", kSeed, size);
+        EXPECT_EQ(channel.httpMultiGet(true), 1);
+    }
+    std::ifstream in(record);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    Ranges onDisk;
+    ASSERT_TRUE(parseResumeRecord(text, server.url("/f"), size, onDisk)) << text;
+    long long kept = 0;
+    std::ifstream file(target, std::ios::binary);
+    for (const auto& range : onDisk) {
+        std::string bytes(range.second - range.first, '\0');
+        file.seekg(range.first).read(&bytes[0], (std::streamsize)bytes.size());
+        EXPECT_EQ(bytes, generated(kSeed, range.first, bytes.size())) << "a recorded range is not on disk";
+        kept += range.second - range.first;
+    }
+    EXPECT_GE(kept, M);
+    const size_t before = server.requestsFor("/f").size();
+
+    webChannel channel;
+    init(channel, 2);
+    channel.setParam(kParamContinue, "", true);
+    job(channel, server.url("/f"), "/f", (long long)size, std::string(32, '0'), "md5");
+    EXPECT_EQ(channel.httpMultiGet(false), 1);
+    long long fetched = 0;
+    const std::vector<std::string> requests = server.requestsFor("/f");
+    for (size_t i = before; i < requests.size(); ++i) {
+        long long last = 0, first = firstByte(requests[i], &last);
+        fetched += last - first + 1;
+    }
+    EXPECT_EQ(fetched, (long long)size - kept) << "fetched again what was recorded";
+    EXPECT_EQ(channel.getErrorCode(nullptr, 0), kChecksumMismatch);
+    EXPECT_FALSE(std::filesystem::exists(record)) << "a file that failed its digest kept its record";
+    EXPECT_EQ(channel.httpMultiGet(true), 1);
+    std::set<long long> firsts;
+    for (size_t i = requests.size(); i < server.requestsFor("/f").size(); ++i)
+        firsts.insert(firstByte(server.requestsFor("/f")[i]));
+    EXPECT_EQ(firsts, std::set<long long>({0, (long long)size / 2})) << "the failed file did not start over";
+}
+
+}  // namespace
