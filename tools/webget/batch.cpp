@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <unordered_set>
 
 #include "webget.h"
 
@@ -28,23 +27,6 @@ void listNotCompleted(const std::vector<Job>& jobs, const std::vector<int>& fail
         complain("not completed: %s -> %s", jobs[index].url.c_str(), jobs[index].target.c_str());
     }
     if (more > 0) complain("not completed: %d more", more);
-}
-
-// The library knows a job by its URL: a second job with the same URL would be
-// merged into the first. Returns -1 to go on, or an exit status.
-int checkDuplicates(const std::vector<Job>& wanted) {
-    std::unordered_set<std::string> urls, targets;
-    for (const Job& job : wanted) {
-        if (!urls.insert(job.url).second) {
-            complain("%s: the URL %s is listed twice", job.origin.c_str(), job.url.c_str());
-            return kExitUsage;
-        }
-        if (!targets.insert(job.target).second) {
-            complain("%s: the target %s is listed twice", job.origin.c_str(), job.target.c_str());
-            return kExitUsage;
-        }
-    }
-    return -1;
 }
 
 // Offers the jobs to the library until an interrupt; those it accepts go to
@@ -193,7 +175,6 @@ int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<
         complain("cannot create the directory %s: %s", options.directory.c_str(), strerror(errno));
         return kExitUsage;
     }
-    if (int status = checkDuplicates(wanted); status >= 0) return status;
     std::vector<Job> jobs;
     jobs.reserve(wanted.size());
     state.jobs = &jobs;

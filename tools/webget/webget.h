@@ -159,6 +159,10 @@ std::string joinPath(const std::string& directory, const std::string& name);
 std::string urlBasename(const std::string& url);
 // Returns -1 to go on, or an exit status.
 int readManifest(const Options& options, std::vector<Job>& jobs);
+// A URL or a target listed twice is a usage error. Checked on the whole list,
+// before --shard keeps a share, so that every process rejects the same
+// manifest. Returns -1 to go on, or an exit status.
+int checkDuplicates(const std::vector<Job>& jobs);
 int mkdirs(const std::string& directory);
 
 // ---- checksums.cpp: digests from checksum files ----
