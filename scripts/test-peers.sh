@@ -260,6 +260,7 @@ make_data() {
   make_file k256p1.bin 262145 3
   make_file m1.bin 1048576 4
   make_file m40.bin 41943040 5
+  make_file m10.bin 10485760 7
 
   # 10000 small files cut from one stream: f00000.bin .. f09999.bin.
   local small="$www/small" n

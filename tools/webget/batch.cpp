@@ -37,6 +37,7 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
     for (; considered < wanted.size() && !gInterrupted.load(); ++considered) {
         Job& job = wanted[considered];
         Outcome& outcome = state.outcomes[considered];
+        const bool originForm = chooseRequestForm(channel, options, job.url);
         int result = channel->addJob(job.url.c_str(), job.target.c_str(), job.size,
                                      job.digest.empty() ? nullptr : job.digest.c_str(),
                                      job.algorithm.empty() ? nullptr : job.algorithm.c_str());
@@ -61,6 +62,8 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
                      probeFailed ? " (size probe failed)" : "");
             continue;
         }
+        // A job's request reads the form from the job's own parameters.
+        if (originForm) channel->setParam(wc::kParamRelativeTarget, "", false);
         if (job.size == 0 && !options.unknownSize) {
             // The probe leaves the announced length as the last response's.
             long long probed = 0;

@@ -121,6 +121,11 @@ struct ChannelHandle {
 
 // Returns -1 to go on, or an exit status.
 int configureChannel(VRAXSecureWebChannel* channel, const Options& options);
+// Sets the channel's request form for `url` (the size probe and the single
+// GETs read it there): the path alone when the request goes straight to the
+// server, the absolute URL when it goes through a proxy. True for the path
+// alone, which a batch job must then be given as its own parameter.
+bool chooseRequestForm(VRAXSecureWebChannel* channel, const Options& options, const std::string& url);
 
 // ---- signals.cpp ----
 // Set by the first SIGINT or SIGTERM of a batch; the progress callback then
