@@ -20,6 +20,7 @@ packages=(
   squid             # authenticating proxy peer (CONNECT + plain)
   tinyproxy         # second proxy peer with different quirks
   curl              # readiness checks of the peers in scripts/test-peers.sh
+  python3           # webget tests: a second kind of server (http.server), JSON checks
   clang             # fuzz targets
   libclang-rt-14-dev  # libFuzzer and clang's sanitizer runtimes
 )

@@ -260,6 +260,7 @@ make_data() {
   make_file k256p1.bin 262145 3
   make_file m1.bin 1048576 4
   make_file m40.bin 41943040 5
+  make_file m10.bin 10485760 7
 
   # 10000 small files cut from one stream: f00000.bin .. f09999.bin.
   local small="$www/small" n
@@ -270,6 +271,24 @@ make_data() {
     mkdir -p "$small.tmp"
     prng_files 10000 1024 6 5 "$small.tmp/f"
     mv "$small.tmp" "$small"
+  fi
+
+  # 300 files of varied sizes for share plans, cut from one stream:
+  # varied/v000.bin .. v299.bin, file i holding 1 + (i * 7919) % 40000 bytes.
+  local varied="$www/varied" i total=0
+  n=0
+  [[ -d $varied ]] && n=$(find "$varied" -maxdepth 1 -name 'v???.bin' | wc -l)
+  if [[ $n -ne 300 ]] || ! size_is "$varied/v299.bin" $((1 + 299 * 7919 % 40000)); then
+    rm -rf "$varied" "$varied.tmp"
+    mkdir -p "$varied.tmp"
+    for ((i = 0; i < 300; i++)); do total=$((total + 1 + i * 7919 % 40000)); done
+    prng "$total" 8 >"$varied.tmp/stream"
+    # head -c reads no more than it writes, so each file takes the next bytes.
+    for ((i = 0; i < 300; i++)); do
+      head -c $((1 + i * 7919 % 40000)) >"$(printf '%s/v%03d.bin' "$varied.tmp" "$i")"
+    done <"$varied.tmp/stream"
+    rm -f "$varied.tmp/stream"
+    mv "$varied.tmp" "$varied"
   fi
 }
 

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <unordered_set>
 
 #include "webget.h"
 
@@ -30,23 +29,6 @@ void listNotCompleted(const std::vector<Job>& jobs, const std::vector<int>& fail
     if (more > 0) complain("not completed: %d more", more);
 }
 
-// The library knows a job by its URL: a second job with the same URL would be
-// merged into the first. Returns -1 to go on, or an exit status.
-int checkDuplicates(const std::vector<Job>& wanted) {
-    std::unordered_set<std::string> urls, targets;
-    for (const Job& job : wanted) {
-        if (!urls.insert(job.url).second) {
-            complain("%s: the URL %s is listed twice", job.origin.c_str(), job.url.c_str());
-            return kExitUsage;
-        }
-        if (!targets.insert(job.target).second) {
-            complain("%s: the target %s is listed twice", job.origin.c_str(), job.target.c_str());
-            return kExitUsage;
-        }
-    }
-    return -1;
-}
-
 // Offers the jobs to the library until an interrupt; those it accepts go to
 // `jobs`, in addJob order: its job indexes. Returns how many were offered.
 size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vector<Job>& wanted,
@@ -55,6 +37,7 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
     for (; considered < wanted.size() && !gInterrupted.load(); ++considered) {
         Job& job = wanted[considered];
         Outcome& outcome = state.outcomes[considered];
+        const bool originForm = chooseRequestForm(channel, options, job.url);
         int result = channel->addJob(job.url.c_str(), job.target.c_str(), job.size,
                                      job.digest.empty() ? nullptr : job.digest.c_str(),
                                      job.algorithm.empty() ? nullptr : job.algorithm.c_str());
@@ -79,6 +62,8 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
                      probeFailed ? " (size probe failed)" : "");
             continue;
         }
+        // A job's request reads the form from the job's own parameters.
+        if (originForm) channel->setParam(wc::kParamRelativeTarget, "", false);
         if (job.size == 0 && !options.unknownSize) {
             // The probe leaves the announced length as the last response's.
             long long probed = 0;
@@ -193,7 +178,6 @@ int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<
         complain("cannot create the directory %s: %s", options.directory.c_str(), strerror(errno));
         return kExitUsage;
     }
-    if (int status = checkDuplicates(wanted); status >= 0) return status;
     std::vector<Job> jobs;
     jobs.reserve(wanted.size());
     state.jobs = &jobs;

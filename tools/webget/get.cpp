@@ -1,14 +1,94 @@
 // The single-GET modes: into a file (-o) and to standard output (-O -).
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "webget.h"
 
 namespace webget {
+namespace {
+
+// Where -O - keeps the body until it is complete, for the signal handler too:
+// a signal that ends the program must not leave the file behind.
+char gTemporaryPath[4096];
+constexpr int kCleanupSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
+constexpr size_t kCopyBlock = 65536;
+
+extern "C" void removeTemporaryAndDie(int signalNumber) {
+    unlink(gTemporaryPath);
+    // SA_RESETHAND restored the default action: the signal, blocked while
+    // this handler runs, ends the program as it would have without us.
+    raise(signalNumber);
+}
+
+// A file created with mkstemp in $TMPDIR (or /tmp), removed when this goes
+// out of scope or a signal ends the program first.
+class TemporaryFile {
+public:
+    TemporaryFile() {
+        const char* directory = getenv("TMPDIR");
+        if (directory == nullptr || *directory == 0) directory = "/tmp";
+        int length = snprintf(gTemporaryPath, sizeof gTemporaryPath, "%s/webget.XXXXXX", directory);
+        if (length <= 0 || (size_t)length >= sizeof gTemporaryPath) {
+            errno = ENAMETOOLONG;
+            return;
+        }
+        m_fd = mkstemp(gTemporaryPath);
+        if (m_fd < 0) return;
+        struct sigaction cleanup = {};
+        cleanup.sa_handler = removeTemporaryAndDie;
+        cleanup.sa_flags = SA_RESETHAND;
+        sigemptyset(&cleanup.sa_mask);
+        for (size_t i = 0; i < sizeof kCleanupSignals / sizeof kCleanupSignals[0]; ++i)
+            sigaction(kCleanupSignals[i], &cleanup, &m_previous[i]);
+    }
+    ~TemporaryFile() {
+        if (m_fd < 0) return;
+        for (size_t i = 0; i < sizeof kCleanupSignals / sizeof kCleanupSignals[0]; ++i)
+            sigaction(kCleanupSignals[i], &m_previous[i], nullptr);
+        unlink(gTemporaryPath);
+        close(m_fd);
+    }
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+    int fd() const { return m_fd; }
+    const char* path() const { return gTemporaryPath; }
+
+private:
+    int m_fd = -1;
+    struct sigaction m_previous[sizeof kCleanupSignals / sizeof kCleanupSignals[0]]{};
+};
+
+int lastErrno() {
+    return errno != 0 ? errno : EIO;
+}
+
+// Copies the file behind `fd`, from its start, to standard output. Returns 0,
+// or the errno of the failure; `reading` tells which side failed.
+int copyToStdout(int fd, bool& reading) {
+    char block[kCopyBlock];
+    for (off_t offset = 0;;) {
+        reading = true;
+        ssize_t got = pread(fd, block, sizeof block, offset);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return lastErrno();
+        reading = false;
+        if (got == 0) return fflush(stdout) == 0 ? 0 : lastErrno();
+        if (fwrite(block, 1, (size_t)got, stdout) != (size_t)got) return lastErrno();
+        offset += got;
+    }
+}
+
+}  // namespace
 
 int runGetToFile(VRAXSecureWebChannel* channel, const Options& options) {
     const std::string& url = options.urls[0];
     Clock::time_point start = Clock::now();
+    chooseRequestForm(channel, options, url);
     int result = channel->httpGet(url.c_str(), options.output.c_str());
     if (result != wc::kOk) {
         LibraryError error = lastError(channel, result);
@@ -29,29 +109,32 @@ bool writeAll(const char* data, size_t length) {
     return fwrite(data, 1, length, stdout) == length && fflush(stdout) == 0;
 }
 
+// The in-memory GET keeps only what its first read brought, so the body goes
+// through the file GET into a temporary file and from there to standard
+// output: whole, whatever its size, and only once it is complete.
 int runGetToStdout(VRAXSecureWebChannel* channel, const Options& options) {
     const std::string& url = options.urls[0];
-    int result = channel->httpGet(url.c_str());
+    TemporaryFile body;
+    if (body.fd() < 0) {
+        complain("cannot create a temporary file %s: %s", body.path(), strerror(errno));
+        return kExitUsage;
+    }
+    chooseRequestForm(channel, options, url);
+    int result = channel->httpGet(url.c_str(), body.path());
     if (result != wc::kOk) {
         LibraryError error = lastError(channel, result);
         complain("error %d: %s", error.code, explainFailure(error.code, error.reason, url, std::string()).c_str());
         return kExitFailed;
     }
-    long long announced = 0;
-    const char* response = channel->httpResponse(&announced);
-    if (response == nullptr) response = "";
-    // The library hands the body out with the head's closing blank line in
-    // front of it.
-    if (strncmp(response, "\r\n\r\n", 4) == 0) response += 4;
-    size_t length = strlen(response);
-    if (!writeAll(response, length)) {
-        complain("cannot write to standard output: %s", strerror(errno));
+    bool reading = false;
+    if (int failure = copyToStdout(body.fd(), reading); failure != 0) {
+        if (reading) {
+            complain("cannot read %s: %s", body.path(), strerror(failure));
+        } else {
+            complain("cannot write to standard output: %s", strerror(failure));
+        }
         return kExitFailed;
     }
-    if (announced > (long long)length && !options.quiet)
-        complain("note: printed the first %zu of %lld bytes (the in-memory GET keeps at most its first 4 KiB read); "
-                 "use -o FILE for the whole body",
-                 length, announced);
     return kExitOk;
 }
 

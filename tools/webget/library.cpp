@@ -1,6 +1,7 @@
 // Loading the library with dlopen, and setting up the channel it gives.
 #include <dlfcn.h>
 #include <limits.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -101,6 +102,16 @@ bool loadLibrary(const Options& options, Library& library) {
         return false;
     }
     return true;
+}
+
+// A server must accept a request naming the absolute URL, yet some answer it
+// with 404, while a proxy needs it to know where to go.
+bool chooseRequestForm(VRAXSecureWebChannel* channel, const Options& options, const std::string& url) {
+    // --http-proxy also carries https URLs unless --https-proxy is given.
+    const bool https = strncasecmp(url.c_str(), "https://", 8) == 0;
+    const bool proxied = options.httpProxyGiven || (https && options.httpsProxyGiven);
+    channel->setParam(wc::kParamRelativeTarget, proxied ? nullptr : "", true);
+    return !proxied;
 }
 
 int configureChannel(VRAXSecureWebChannel* channel, const Options& options) {

@@ -72,6 +72,7 @@ int main(int argc, char** argv) {
     std::vector<Job> jobs;
     bool batch = options.output.empty() && !options.toStdout && !options.post;
     if (batch && (status = gatherJobs(options, jobs)) >= 0) return status;
+    if (batch && (status = checkDuplicates(jobs)) >= 0) return status;
     // Before the shares: every process must see the same digests and stop
     // on the same disagreement.
     if (batch && (status = applyChecksumFiles(options, jobs)) >= 0) return status;

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <unordered_set>
 
 #include "checksum_file.h"
 #include "webget.h"
@@ -106,6 +107,23 @@ int readManifest(const Options& options, std::vector<Job>& jobs) {
         return kExitUsage;
     }
     if (jobs.empty()) complain("%s lists no jobs", options.manifest.c_str());
+    return -1;
+}
+
+// The library knows a job by its URL: a second job with the same URL would be
+// merged into the first.
+int checkDuplicates(const std::vector<Job>& jobs) {
+    std::unordered_set<std::string> urls, targets;
+    for (const Job& job : jobs) {
+        if (!urls.insert(job.url).second) {
+            complain("%s: the URL %s is listed twice", job.origin.c_str(), job.url.c_str());
+            return kExitUsage;
+        }
+        if (!targets.insert(job.target).second) {
+            complain("%s: the target %s is listed twice", job.origin.c_str(), job.target.c_str());
+            return kExitUsage;
+        }
+    }
     return -1;
 }
 

@@ -122,6 +122,11 @@ struct ChannelHandle {
 
 // Returns -1 to go on, or an exit status.
 int configureChannel(VRAXSecureWebChannel* channel, const Options& options);
+// Sets the channel's request form for `url` (the size probe and the single
+// GETs read it there): the path alone when the request goes straight to the
+// server, the absolute URL when it goes through a proxy. True for the path
+// alone, which a batch job must then be given as its own parameter.
+bool chooseRequestForm(VRAXSecureWebChannel* channel, const Options& options, const std::string& url);
 
 // ---- signals.cpp ----
 // Set by the first SIGINT or SIGTERM of a batch; the progress callback then
@@ -160,6 +165,10 @@ std::string joinPath(const std::string& directory, const std::string& name);
 std::string urlBasename(const std::string& url);
 // Returns -1 to go on, or an exit status.
 int readManifest(const Options& options, std::vector<Job>& jobs);
+// A URL or a target listed twice is a usage error. Checked on the whole list,
+// before --shard keeps a share, so that every process rejects the same
+// manifest. Returns -1 to go on, or an exit status.
+int checkDuplicates(const std::vector<Job>& jobs);
 int mkdirs(const std::string& directory);
 
 // ---- checksums.cpp: digests from checksum files ----
