@@ -307,7 +307,8 @@ start_nginx() {
   mkdir -p "$nd"
   printf '%s:%s\n' "$AUTH_USER" "$(openssl passwd -apr1 "$AUTH_PASSWORD")" >"$nd/htpasswd"
   # Uploads of any size go to /post (the 1 MiB default would answer 413); a
-  # redirect and a Basic-auth area over the same files.
+  # redirect, a Basic-auth area, a rate-limited area and one without ranges
+  # over the same files.
   nginx_config "$nd" "$www" "$cert" "$key" 1 info "$nd/access.log" \
     "  types { text/plain txt; application/octet-stream bin; }
   client_max_body_size 0;" \
@@ -317,7 +318,9 @@ start_nginx() {
       alias $www/;
       auth_basic \"webchannel tests\";
       auth_basic_user_file $nd/htpasswd;
-    }" ||
+    }
+    location /slow/ { alias $www/; limit_rate 4m; }
+    location /noranges/ { alias $www/; max_ranges 0; }" ||
     fail "nginx rejects its configuration" "$nd/configtest.log" "$nd/error.log"
   launch nginx "$nd/stdout.log" nginx -p "$nd" -e "$nd/error.log" -c "$nd/nginx.conf"
   pid=$launched
@@ -485,6 +488,7 @@ TINYPROXY_PASSWORD=$TINYPROXY_PASSWORD
 AUTH_USER=$AUTH_USER
 AUTH_PASSWORD=$AUTH_PASSWORD
 WWW=$www
+NGINX_ACCESS_LOG=$dir/nginx/access.log
 CERT=$cert
 KEY=$key
 EOF
