@@ -10,6 +10,10 @@ namespace {
 // How far a worker's share may fall short of or run past the mean before a
 // file is cut to make it fit.
 constexpr long long kShareSlack = 262144;
+// The pieces of a file fetched in file order: about an eighth of a round of
+// the workers, within these bounds.
+constexpr long long kOrderedPieceMin = 1LL << 20;
+constexpr long long kOrderedPieceMax = 8LL << 20;
 
 webChannel::threadData* makeRecord(webChannel* channel, unsigned index) {
     webChannel::threadData* record = new webChannel::threadData();
@@ -50,6 +54,10 @@ void webChannel::initBatch() {
 }
 
 void webChannel::planShares(std::vector<httpGetJob>& work, long long total) {
+    if (hasParam(kParamFileOrder)) {
+        planFileOrder(work, total);
+        return;
+    }
     const long long share = total / m_threadNum;
     const long long lowMark = share - kShareSlack;
     const long long highMark = share + kShareSlack;
@@ -88,6 +96,38 @@ void webChannel::planShares(std::vector<httpGetJob>& work, long long total) {
         record->jobs.push_back(work[cursor]);
         record->size += work[cursor].size;
         m_downloaded[work[cursor].url] += 1;
+    }
+}
+
+void webChannel::planFileOrder(std::vector<httpGetJob>& work, long long total) {
+    // A file larger than a worker's share is cut into small pieces, dealt in
+    // file order to the least-loaded worker each: the workers then advance
+    // through the file side by side, and its contiguous prefix, which the
+    // digest follows, grows all the time instead of when a worker's whole
+    // share has arrived. Only the last round of pieces is left to hash when
+    // the last byte lands. Smaller files stay whole.
+    const long long share = total / m_threadNum;
+    for (unsigned t = 0; t < m_threadNum; ++t) {
+        if (t >= m_batch.size()) m_batch.push_back(makeRecord(this, t));
+        m_batch[t]->size = 0;
+    }
+    for (const httpGetJob& job : work) {
+        long long piece = job.size;
+        if (share > 0 && job.size > share)
+            piece = std::min(kOrderedPieceMax, std::max(kOrderedPieceMin, job.size / (m_threadNum * 8)));
+        int part = job.part;
+        for (long long at = 0; at < job.size; at += piece) {
+            httpGetJob cut = job;
+            cut.start = job.start + at;
+            cut.size = std::min(piece, job.size - at);
+            cut.end = cut.start + cut.size - 1;
+            cut.part = part++;
+            cut.downloaded = 0;
+            threadData* record = *std::min_element(m_batch.begin(), m_batch.end(), threadData::compare);
+            record->jobs.push_back(cut);
+            record->size += cut.size;
+            m_downloaded[cut.url] += 1;
+        }
     }
 }
 

@@ -318,6 +318,9 @@ public:
     void initBatch();
     // Known sizes: shares of about total / m_threadNum bytes, large files cut.
     void planShares(std::vector<httpGetJob>& work, long long total);
+    // With the file-order parameter: large files in small pieces, dealt in
+    // file order to the least-loaded worker.
+    void planFileOrder(std::vector<httpGetJob>& work, long long total);
     // Unknown sizes: whole files dealt round-robin.
     void dealWholeFiles(std::vector<httpGetJob>& work);
     // A job that continues an earlier run: only the ranges missing on disk

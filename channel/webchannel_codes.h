@@ -48,6 +48,7 @@ enum : int {
     kParamNoCache = 3020,         // presence: send the three no-cache headers
     kParamContinue = 3022,        // presence, per job: continue what an earlier run left on disk
     kParamErrorDetail = 3023,     // presence: getErrorCode gives what failed and why, in a whole message
+    kParamFileOrder = 3024,       // presence: files larger than a share are fetched in small pieces, in file order
 };
 
 inline const char* resultText(int code) {

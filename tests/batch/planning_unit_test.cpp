@@ -37,12 +37,11 @@ TEST_F(Planning, TenMebibytesOverTwoThreadsAreCutAtTheShareLoggedAndNotPlannedAg
     {
         testsupport::LogCapture capture;
         EXPECT_EQ(plan(2, {{a, 10485760}}), (Lines{a + " 0-5242879/5242880#0", a + " 5242880-10485759/5242880#1"}));
-        EXPECT_EQ(capture.lines(), (Lines{"VRAXSecureWebChannel::initBatch: jobs 1, size 10485760",
-                                          "VRAXSecureWebChannel::initBatch: thread 0, size 5242880:",
-                                          a + " : 0 - 5242879",
-                                          "VRAXSecureWebChannel::initBatch: thread 1, size 5242880:",
-                                          a + " : 5242880 - 10485759",
-                                          "VRAXSecureWebChannel::initBatch: URL " + a + ", jobs 2"}));
+        EXPECT_EQ(capture.lines(),
+                  (Lines{"VRAXSecureWebChannel::initBatch: jobs 1, size 10485760",
+                         "VRAXSecureWebChannel::initBatch: thread 0, size 5242880:", a + " : 0 - 5242879",
+                         "VRAXSecureWebChannel::initBatch: thread 1, size 5242880:", a + " : 5242880 - 10485759",
+                         "VRAXSecureWebChannel::initBatch: URL " + a + ", jobs 2"}));
     }
     EXPECT_EQ(channel.m_downloaded[a], 2);
     EXPECT_TRUE(channel.m_batch[1]->index == 1 && channel.m_batch[1]->channel == &channel);
@@ -65,6 +64,17 @@ TEST_F(Planning, AFileFarLargerThanTheShareTilesConsecutiveThreadsWithoutGap) {
               (Lines{"small 0-1048575/1048576#0 big 0-25165823/25165824#0", "big 25165824-51380223/26214400#1",
                      "big 51380224-77594623/26214400#2", "big 77594624-103809023/26214400#3"}));
     EXPECT_EQ(channel.m_downloaded["big"], 4);
+}
+
+// In file order, a file larger than the share goes in pieces of an eighth of a round (1 to 8 MiB), each to the
+// least-loaded thread, so the threads advance through it side by side; files within the share stay whole.
+TEST_F(Planning, InFileOrderALargeFileIsDealtInSmallPiecesAndSmallFilesStayWhole) {
+    channel.setParam(kParamFileOrder, "", true);
+    const std::string M = "/1048576#";
+    EXPECT_EQ(plan(2, {{"a", 1 << 20}, {"big", 5 << 20}, {"b", 100}}),
+              (Lines{"a 0-1048575" + M + "0 big 1048576-2097151" + M + "1 big 3145728-4194303" + M + "3 b 0-99/100#0",
+                     "big 0-1048575" + M + "0 big 2097152-3145727" + M + "2 big 4194304-5242879" + M + "4"}));
+    EXPECT_EQ(channel.m_downloaded["big"], 5);
 }
 
 TEST_F(Planning, UnknownSizeModeDealsWholeFilesRoundRobinWithOnlyTheRecordsNeeded) {
