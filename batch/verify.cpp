@@ -125,7 +125,10 @@ void webChannel::attachDigestStreams() {
         for (httpGetJob& job : record->jobs) {
             job.observer = nullptr;
             ResumeRecord* resume = resumeRecord(job.url);
-            if (resume != nullptr) job.observer = resume;
+            if (resume != nullptr) {
+                job.observer = resume;
+                resume->chain(nullptr);  // until this batch's stream, if any, is known
+            }
             if (job.algorithm.empty()) continue;
             std::unique_ptr<DigestStream>& stream = m_digestStreams[job.url];
             if (stream == nullptr) {

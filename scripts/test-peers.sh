@@ -2,6 +2,7 @@
 # Starts and stops the real protocol peers the tests talk to:
 #   nginx      HTTP on a free port and HTTPS on 443, static files with byte
 #              ranges, a POST sink, a redirect and a Basic-auth area;
+#              and a slow HTTP server (4 MB/s a connection) on another port;
 #   squid      authenticating forward proxy (CONNECT to 443 and plain);
 #   tinyproxy  a second authenticating forward proxy.
 #
@@ -307,20 +308,25 @@ start_nginx() {
   mkdir -p "$nd"
   printf '%s:%s\n' "$AUTH_USER" "$(openssl passwd -apr1 "$AUTH_PASSWORD")" >"$nd/htpasswd"
   # Uploads of any size go to /post (the 1 MiB default would answer 413); a
-  # redirect, a Basic-auth area, a rate-limited area and one without ranges
-  # over the same files.
+  # redirect and a Basic-auth area over the same files; and a slow server for
+  # runs that must be caught part-way: 4 MB/s a connection, with a send
+  # buffer small enough that each request is held to the rate from its start.
   nginx_config "$nd" "$www" "$cert" "$key" 1 info "$nd/access.log" \
     "  types { text/plain txt; application/octet-stream bin; }
-  client_max_body_size 0;" \
+  client_max_body_size 0;
+  server {
+    listen 127.0.0.1:$SLOW_PORT sndbuf=64k;
+    root $www;
+    access_log $nd/slow-access.log;
+    limit_rate 4m;
+  }" \
     "    location = /post { return 200 \"posted\\n\"; }
     location /redirect/ { return 302 /five.bin; }
     location /auth/ {
       alias $www/;
       auth_basic \"webchannel tests\";
       auth_basic_user_file $nd/htpasswd;
-    }
-    location /slow/ { alias $www/; limit_rate 4m; }
-    location /noranges/ { alias $www/; max_ranges 0; }" ||
+    }" ||
     fail "nginx rejects its configuration" "$nd/configtest.log" "$nd/error.log"
   launch nginx "$nd/stdout.log" nginx -p "$nd" -e "$nd/error.log" -c "$nd/nginx.conf"
   pid=$launched
@@ -471,6 +477,7 @@ fi
 free_port HTTP_PORT || fail "no free port for nginx"
 free_port SQUID_PORT || fail "no free port for squid"
 free_port TINYPROXY_PORT || fail "no free port for tinyproxy"
+free_port SLOW_PORT || fail "no free port for the slow nginx server"
 
 start_nginx
 start_squid
@@ -488,7 +495,8 @@ TINYPROXY_PASSWORD=$TINYPROXY_PASSWORD
 AUTH_USER=$AUTH_USER
 AUTH_PASSWORD=$AUTH_PASSWORD
 WWW=$www
-NGINX_ACCESS_LOG=$dir/nginx/access.log
+SLOW_PORT=$SLOW_PORT
+SLOW_ACCESS_LOG=$dir/nginx/slow-access.log
 CERT=$cert
 KEY=$key
 EOF
