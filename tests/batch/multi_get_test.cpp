@@ -1,5 +1,6 @@
 // Whole batches against the real nginx over HTTP and HTTPS: mixed batches on 1 to 64 workers, and a cancel.
 #include <set>
+#include <sstream>
 
 #include "batch/batch_helpers.h"
 
@@ -99,3 +100,41 @@ TEST_F(KeptConnection, AChunkedAnswerThatEndedCleanlyIsReused) {
 }
 
 }  // namespace
+
+// getNextDownloadedFile answers as the walk over the list in addJob order does (the first verified file is
+// handed out), whatever changed the list since: jobs added after a hand-out, removed and added again, init.
+using HandOut = Fixture<>;
+
+TEST_F(HandOut, EveryAnswerIsTheWalksOverTheJobList) {
+    webChannel channel;
+    init(channel, 2, "20");
+    auto url = [](int i) { return peers().httpUrl("/small/f0000" + std::to_string(i) + ".bin"); };
+    auto walk = [&channel] {
+        for (size_t i = 0; i < channel.m_httpGetJobs.size(); ++i)
+            if (channel.urlCounter(channel.m_httpGetJobs[i].url) == kUrlVerified) return (int)i;
+        return -1;
+    };
+    // a: add file N; r: remove it; b: batch; n: one hand-out; i: init.
+    std::istringstream steps("a0 a1 a2 b r2 n a2 n n n a3 a4 b n r0 a0 n n n i a5 a6 b r5 n a5 n n n");
+    std::string done;
+    for (std::string step; steps >> step && done.size() < 200; done += step + " ") {
+        SCOPED_TRACE(done + step);
+        const int n = step.back() - '0', expected = walk();
+        switch (step[0]) {
+            case 'a':
+                job(channel, url(n), "/f" + std::to_string(n), 1024);
+                break;
+            case 'r':
+                channel.removeJob(url(n).c_str());
+                break;
+            case 'b':
+                EXPECT_EQ(channel.httpMultiGet(false), 0);
+                break;
+            case 'i':
+                init(channel, 2, "20");
+                break;
+            default:
+                EXPECT_EQ(channel.getNextDownloadedFile(), expected);
+        }
+    }
+}
