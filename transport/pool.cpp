@@ -33,7 +33,7 @@ webChannel::connection* webChannel::open(std::string url, threadData* worker, bo
     // workers must not overwrite a batch's first failure.
     auto report = [&](int code) {
         if (result != nullptr) *result = code;
-        if (worker == nullptr) atomicStore(m_errorCode, code);
+        if (worker == nullptr) storeOpenFailure(code);
     };
 
     std::string host, port, path, credentials;
@@ -46,10 +46,14 @@ webChannel::connection* webChannel::open(std::string url, threadData* worker, bo
     }
     std::string key = host + ":" + port;
     unsigned long address = 0;
+    const std::optional<std::string> trust = https ? verifySetting() : std::nullopt;
     auto pooled = pool.find(key);
     if (pooled != pool.end()) {
         connection* conn = pooled->second;
-        if (!reconnect) {
+        // A server accepted under one trust setting says nothing about
+        // another: such a connection is replaced, not reused.
+        const bool sameTrust = !conn->https || conn->verifyPeer == trust;
+        if (!reconnect && sameTrust) {
             if (logging())
                 log("VRAXSecureWebChannel::open: reusing existing connection %x to %s", (unsigned)(uintptr_t)conn,
                     key.c_str());
@@ -57,6 +61,9 @@ webChannel::connection* webChannel::open(std::string url, threadData* worker, bo
             if (result != nullptr) *result = kOk;
             return conn;
         }
+        if (!sameTrust && logging())
+            log("VRAXSecureWebChannel::open: replacing connection %x to %s made under another verification setting",
+                (unsigned)(uintptr_t)conn, key.c_str());
         // The caller may still hold the old record: close it, keep it alive
         // until the pool is emptied.
         address = conn->address;
@@ -76,6 +83,7 @@ webChannel::connection* webChannel::open(std::string url, threadData* worker, bo
     }
 
     connection* conn = new connection(address, host, port, https);
+    conn->verifyPeer = trust;
     int code = initSocket(conn, worker);
     if (code == kOk && https) code = connectSSL(conn);
     report(code);
