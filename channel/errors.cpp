@@ -66,10 +66,8 @@ thread_local NotedFailure tNoted;
 // and its words when nothing was noted for it. The note is used up.
 NotedFailure takeNoted(int code) {
     NotedFailure taken;
-    if (tNoted.code == code && code != 0)
-        taken = std::move(tNoted);
-    else
-        taken = {code, code, resultText(code)};
+    if (tNoted.code == code && code != 0) taken = std::move(tNoted);
+    else taken = {code, code, resultText(code)};
     tNoted = NotedFailure();
     return taken;
 }
