@@ -1,5 +1,6 @@
 // The command line: the option table, --help made from it, and parsing.
 #include <getopt.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -33,6 +34,7 @@ enum OptionId : int {
     kOptQuiet = 'q',
     kOptHelp = 'h',
     kOptVersion = 'V',
+    kOptInsecure = 'k',
     kOptPost = 1000,
     kOptHttpProxy,
     kOptHttpsProxy,
@@ -45,6 +47,7 @@ enum OptionId : int {
     kOptJson,
     kOptShard,
     kOptChecksums,
+    kOptCaCert,
 };
 
 struct OptionDoc {
@@ -89,6 +92,14 @@ const OptionDoc kOptions[] = {
     {"cookie", kOptCookie, "TEXT", "Send TEXT as the Cookie header."},
     {"keep-cookies", kOptKeepCookies, nullptr, "Keep the last Set-Cookie of a response and send it from then on."},
     {"no-cache", kOptNoCache, nullptr, "Send no-cache request headers (Cache-Control, Pragma, Expires)."},
+    {"cacert", kOptCaCert, "PATH",
+     "Verify HTTPS servers against the trust anchors in PATH (a PEM file of certificates, or a directory of "
+     "certificates named by their subject hashes, as 'openssl rehash' makes it) instead of the system's store. "
+     "Without -k every HTTPS server is verified: its certificate must chain to a trusted anchor, be valid now, "
+     "and name the URL's host (or its IP address)."},
+    {"insecure", kOptInsecure, nullptr,
+     "Do not verify HTTPS servers' certificates: any certificate is accepted (the TLS connection is still "
+     "encrypted, but the server may be anyone)."},
     {"timeout", kOptTimeout, "SECONDS", "Transfer time-out: bounds every connect and every wait (default 300)."},
     {"unknown-size", kOptUnknownSize, nullptr,
      "Do not ask for sizes before the batch: sizes come from the responses and whole files are dealt to the "
@@ -230,6 +241,12 @@ int takePostData(const std::string& value, Options& options) {
     return -1;
 }
 
+int takeTrustAnchors(const std::string& path, Options& options) {
+    if (access(path.c_str(), R_OK) != 0) return usage("cannot read the trust anchors in '%s'", path);
+    options.caCert = path;
+    return -1;
+}
+
 // An option getopt did not accept: unknown, or missing its argument.
 int refuseOption(char** argv) {
     // getopt puts the option's id in optopt when its argument is missing,
@@ -292,6 +309,8 @@ int takeOption(int id, const std::string& value, Options& options, char** argv) 
     case kOptKeepCookies: options.keepCookies = true; break;
     case kOptNoCache: options.noCache = true; break;
     case kOptUnknownSize: options.unknownSize = true; break;
+    case kOptInsecure: options.insecure = true; break;
+    case kOptCaCert: return takeTrustAnchors(value, options);
     case kOptLog: options.logFile = value; break;
     case kOptLibrary: options.library = value; break;
     case kOptQuiet: options.quiet = true; break;
@@ -324,6 +343,7 @@ int checkModes(const Options& options) {
     if (options.json && single) return usage("%s", "--json only applies to batches");
     if (options.shardCount > 1 && single) return usage("%s", "--shard only applies to batches");
     if (!options.checksumFiles.empty() && single) return usage("%s", "--checksums only applies to batches");
+    if (options.insecure && !options.caCert.empty()) return usage("%s", "--cacert and -k exclude each other");
     return -1;
 }
 
