@@ -1,5 +1,9 @@
-// Server certificate verification (parameter 3021) against the peers' servers of each kind of certificate.
+// TLS against real and scripted servers: certificate verification (parameter 3021), reads of partial records.
+#include <openssl/buffer.h>
+
+#include <cstring>
 #include <fstream>
+#include <thread>
 
 #include "transport/transport_helpers.h"
 
@@ -90,6 +94,41 @@ TEST_F(ChannelTest, EachRequestIsJudgedUnderTheTrustSettingOfTheMoment) {
     EXPECT_EQ(channel.getErrorCode(text, (int)sizeof text), kUntrusted);
     EXPECT_EQ(text, serverOf("good") + ": cannot read the trust anchors in " + missing);
     EXPECT_EQ(loggedCount("cannot read the trust anchors in " + missing), 1);
+}
+
+// A TLS read takes what has arrived: the start of a further record, held by the TLS layer, does not make the
+// read wait for the rest while the transfer time-out (20 s) runs. The server sends the head, the body and all but
+// the last two bytes of one more record, each in a record of its own, then waits for the client to go (10 s).
+TEST_F(ChannelTest, AReadEndsWithWhatArrivedBeforeAPartialRecord) {
+    LoopbackPort port(true);
+    std::thread server([&port] {
+        SSL_CTX* context = SSL_CTX_new(TLS_server_method());
+        SSL_CTX_use_certificate_chain_file(context, (peers().trustDir + "/../good.pem").c_str());
+        SSL_CTX_use_PrivateKey_file(context, (peers().trustDir + "/../good.key").c_str(), SSL_FILETYPE_PEM);
+        SSL* ssl = SSL_new(context);
+        char request[4096];
+        if (port.acceptOne() >= 0 && SSL_set_fd(ssl, port.peer) == 1 && SSL_accept(ssl) == 1 &&
+            SSL_read(ssl, request, sizeof request) > 0) {
+            BIO* records = BIO_new(BIO_s_mem());
+            SSL_set0_wbio(ssl, records);  // the records are cut before they go out
+            for (const char* text : {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n", "hello", "more"})
+                SSL_write(ssl, text, (int)strlen(text));
+            BUF_MEM* bytes = nullptr;
+            BIO_get_mem_ptr(records, &bytes);
+            pollfd gone = {port.peer, POLLIN, 0};
+            if (send(port.peer, bytes->data, bytes->length - 2, MSG_NOSIGNAL) > 0) poll(&gone, 1, 10000);
+        }
+        SSL_free(ssl);
+        SSL_CTX_free(context);
+    });
+    channel.setParam(kParamTimeout, "20", true);
+    const std::string file = tempDir() + "/got";
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(channel.httpGet(port.url("/", "https").c_str(), file.c_str()), kOk);
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 5.0);
+    EXPECT_EQ(readFile(file), "hello");
+    channel.close();  // ends the server's wait
+    server.join();
 }
 
 }  // namespace
