@@ -15,8 +15,7 @@ struct Peers {
     std::string squidUser, squidPassword, tinyproxyUser, tinyproxyPassword;
     std::string www;   // absolute docroot
     std::string cert;  // PEM certificate of the HTTPS peer
-    // Verification servers by case (good, othername, expired, selfsigned, unknownca), and the private CA that
-    // signed all but the last two, as a PEM file and as a hashed directory.
+    // Servers by certificate (good, othername, expired, selfsigned, unknownca); the CA (PEM, hashed directory).
     std::map<std::string, int> tlsPorts;
     std::string trustCa, trustDir;
 
