@@ -148,6 +148,9 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
     if (jobPosition(job.url) < 0) {
         m_jobIndex[job.url] = m_httpGetJobs.size();
         m_httpGetJobs.push_back(job);
+        // A URL removed while its file waited to be handed out keeps its
+        // verified counter: back in the list, it is handed out again.
+        if (urlCounter(job.url) == kUrlVerified) noteVerified(job.url);
     }
     if (!continuing) unlink(ResumeRecord::pathFor(file).c_str());
 

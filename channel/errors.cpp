@@ -108,7 +108,7 @@ void webChannel::recordFailure(int code, const std::string& file) {
     if (!atomicSwap(m_errorCode, expected, noted.detail)) return;
     m_errorContext = file;
     if (!detailed) {
-        m_errorMessage = errorText(code, file);
+        m_errorMessage = code == kUntrusted ? notedReason(code) + ": " + file + "\n" : errorText(code, file);
         return;
     }
     // The file goes with the reason, as with the words: it tells the host
@@ -124,7 +124,23 @@ void webChannel::setError(int code) {
     }
     ScopedLock lock(m_errorLock);
     atomicStore(m_errorCode, code);
-    m_errorMessage = code == 0 ? std::string() : errorText(code, std::string());
+    m_errorMessage = code == 0 ? std::string() : code == kUntrusted ? notedReason(code) + "\n" : errorText(code, {});
+    m_errorMessageWhole = false;
+}
+
+std::string webChannel::notedReason(int code) {
+    return tNoted.code == code && code != 0 ? tNoted.reason : std::string(resultText(code));
+}
+
+void webChannel::storeOpenFailure(int code) {
+    // With error detail on, the operation's own end writes the message.
+    if (code != kUntrusted || hasParam(kParamErrorDetail)) {
+        atomicStore(m_errorCode, code);
+        return;
+    }
+    ScopedLock lock(m_errorLock);
+    atomicStore(m_errorCode, code);
+    m_errorMessage = notedReason(code) + "\n";
     m_errorMessageWhole = false;
 }
 

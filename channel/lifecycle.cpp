@@ -120,6 +120,8 @@ webChannel::~webChannel() {
     FILE* logFile = m_log;
     __atomic_store_n(&m_log, (FILE*)nullptr, __ATOMIC_RELAXED);
     if (logFile != nullptr && logFile != stdout) fclose(logFile);
+    for (auto& entry : m_trustStores) X509_STORE_free(entry.second);
+    m_trustStores.clear();
     if (m_sslContext != nullptr) {
         SSL_CTX_free(m_sslContext);
         m_sslContext = nullptr;

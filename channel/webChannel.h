@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -78,6 +79,10 @@ public:
         std::string location;  // redirect target left by the response parser
         SSL* ssl;
         sockaddr_in serverAddress;  // where the socket is connected (proxy or target)
+        // Parameter 3021 as it stood when the connection was made: none, or
+        // the trust anchors its server was verified against ("" = system).
+        // The pool hands a TLS connection out only under the same setting.
+        std::optional<std::string> verifyPeer;
     };
 
     // ---- http/: request text (request.cpp) ----
@@ -204,6 +209,13 @@ public:
     // Clears the error state at the start of an operation.
     void clearError();
     static std::string errorText(int code, const std::string& file);
+    // The reason noted on this thread for `code` (see noteFailure), without
+    // using it up; the code's words when none was noted.
+    static std::string notedReason(int code);
+    // Stores a connection's failure outside a batch. An untrusted server
+    // also leaves its reason in the message: the code alone tells the host
+    // neither which server nor why.
+    void storeOpenFailure(int code);
     // Why an operation is about to fail with `code`, noted on the failing
     // thread by the layer that knows (connect, TLS, the head check, the
     // target file) and taken up when the failure reaches the error state.
@@ -272,6 +284,14 @@ public:
     // a host that never speaks TLS should not pay it at init.
     void loadTrustStore();
     static int initSSLVerifyCallback(int preverifyOk, X509_STORE_CTX* store);
+    // Parameter 3021: nothing when absent, else its value.
+    std::optional<std::string> verifySetting();
+    // The trust anchors at `path`, loaded on first use and then shared by
+    // every handshake; null when they cannot be read.
+    X509_STORE* trustStore(const std::string& path);
+    // Makes the session verify its server under the connection's trust
+    // setting; false (the failure noted) when the anchors cannot be read.
+    bool requireTrust(connection* conn);
     int initSocket(connection* conn, threadData* worker);
     int openTunnel(connection* conn);
     // Judges the proxy's (at most 63-byte, NUL-terminated) answer to CONNECT.
@@ -445,6 +465,9 @@ public:
     std::vector<std::pair<long long, long long>> m_progressTallies;
     pthread_mutex_t m_trustLock;  // loading the trust store into m_sslContext
     bool m_trustLoaded;           // through atomics.h: read before the lock
+    // Trust anchors named by parameter 3021, by path, under m_trustLock;
+    // null for a path that could not be read. Freed with the channel.
+    std::map<std::string, X509_STORE*> m_trustStores;
 
     static FILE* m_log;
 };

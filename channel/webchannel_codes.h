@@ -23,6 +23,7 @@ enum : int {
     kTunnelRefused = -3024,      // proxy answer to CONNECT unparsable or not 2xx
     kTlsSetup = -3030,           // TLS context or session could not be created
     kTlsHandshake = -3033,       // the TLS handshake did not complete
+    kUntrusted = -3034,          // server certificate not trusted (verification asked for with 3021)
     kSendFailed = -3050,         // the request could not be sent, or a socket error on read
     kReadFailed = -3051,         // nothing usable read, or the body ended early
     kBadStatus = -3052,          // head did not parse or its status is not accepted
@@ -46,6 +47,8 @@ enum : int {
     kParamCookie = 3018,          // cookie text sent as "Cookie"
     kParamProxyAuth = 3019,       // base64 proxy credentials sent as "Proxy-Authorization"
     kParamNoCache = 3020,         // presence: send the three no-cache headers
+    kParamVerifyPeer = 3021,      // presence: verify servers' certificates against the trust anchors named by
+                                  // the value (PEM bundle or hashed directory; empty: the system store)
     kParamContinue = 3022,        // presence, per job: continue what an earlier run left on disk
     kParamErrorDetail = 3023,     // presence: getErrorCode gives what failed and why, in a whole message
     kParamFileOrder = 3024,       // presence: files larger than a share are fetched in small pieces, in file order
@@ -67,6 +70,7 @@ inline const char* resultText(int code) {
     case kTunnelRefused: return "proxy refused the CONNECT tunnel";
     case kTlsSetup: return "TLS context or session could not be created";
     case kTlsHandshake: return "TLS handshake failed";
+    case kUntrusted: return "server certificate not trusted";
     case kSendFailed: return "request could not be sent";
     case kReadFailed: return "response incomplete or unreadable";
     case kBadStatus: return "response status not accepted";

@@ -347,7 +347,7 @@ tool_command() { # <tool> <set> <protocol>
   local tool=$1 set=$2 proto=$3 input="$inputs/$2-$3.$1" bytes
   case $tool in
     webget-sha256 | webget)
-      cmd=("$webget" -q -j 8 -i "$input" -d "$dl") ;;
+      cmd=("$webget" -q -j 8 --cacert "$cert" -i "$input" -d "$dl") ;;
     library-sha256)
       cmd=("$root/build/bench/batch_host" "$inputs/$set-$proto.webget-sha256" "$dl") ;;
     aria2c-sha256 | aria2c)

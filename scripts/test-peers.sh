@@ -2,8 +2,9 @@
 # Starts and stops the real protocol peers the tests talk to:
 #   nginx      HTTP on a free port and HTTPS on 443, static files with byte
 #              ranges, a POST sink, a redirect and a Basic-auth area;
+#              plus one HTTPS server per case of certificate verification,
 #              and a slow HTTP server (4 MB/s a connection) on another port;
-#   squid      authenticating forward proxy (CONNECT to 443 and plain);
+#   squid      authenticating forward proxy (CONNECT to the HTTPS ports and plain);
 #   tinyproxy  a second authenticating forward proxy.
 #
 # Usage: test-peers.sh start|stop <dir>
@@ -303,6 +304,52 @@ HTTPS_PORT=443
 is_root=0
 [[ $(id -u) -eq 0 ]] && is_root=1
 
+# A private CA and the certificates of the verification servers, EC P-256 so
+# that they are quick to make, once per test environment: "good" (DNS
+# localhost and IP 127.0.0.1), "othername" (another name only), "expired",
+# "selfsigned", and "unknownca" (signed by a CA no test trusts). The CA's
+# certificate also goes into a hashed directory.
+TLS_CASES="good othername expired selfsigned unknownca"
+trust="$dir/trust"
+make_trust() {
+  local t=$trust log="$run/openssl.log" name
+  [[ -s $t/ready ]] && return 0
+  rm -rf "$t" && mkdir -p "$t/hashed" && : >"$t/index.txt" && echo 01 >"$t/serial"
+  newkey() { # <name> [<openssl req options>...]: key and request, or self-signed with -x509
+    local name=$1 && shift
+    openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout "$t/$name.key" -subj /CN=localhost \
+      "$@" >>"$log" 2>&1
+  }
+  sign() { # <name> <ca> <subjectAltName> <start> <end>
+    newkey "$1" -out "$t/$1.csr" -addext "subjectAltName=$3" &&
+      openssl ca -batch -config "$t/ca.cnf" -cert "$t/$2.pem" -keyfile "$t/$2.key" -in "$t/$1.csr" -out "$t/$1.pem" \
+        -startdate "$4" -enddate "$5" -notext >>"$log" 2>&1
+  }
+  printf '%s\n' "[ca]" "default_ca = test" "[test]" "database = $t/index.txt" "new_certs_dir = $t" \
+    "serial = $t/serial" "default_md = sha256" "policy = any" "copy_extensions = copy" "unique_subject = no" \
+    "[any]" "commonName = supplied" >"$t/ca.cnf"
+  newkey ca -x509 -days 3650 -subj "/CN=webchannel test CA" -out "$t/ca.pem" &&
+    newkey otherca -x509 -days 3650 -subj "/CN=webchannel unknown CA" -out "$t/otherca.pem" &&
+    newkey selfsigned -x509 -days 3650 -addext subjectAltName=DNS:localhost,IP:127.0.0.1 -out "$t/selfsigned.pem" &&
+    sign good ca DNS:localhost,IP:127.0.0.1 20200101000000Z 20491231000000Z &&
+    sign othername ca DNS:other.invalid 20200101000000Z 20491231000000Z &&
+    sign expired ca DNS:localhost,IP:127.0.0.1 20000101000000Z 20010101000000Z &&
+    sign unknownca otherca DNS:localhost,IP:127.0.0.1 20200101000000Z 20491231000000Z &&
+    cp "$t/ca.pem" "$t/hashed/" && openssl rehash "$t/hashed" >>"$log" 2>&1 || return 1
+  for name in $TLS_CASES; do [[ -s $t/$name.pem && -s $t/$name.key ]] || return 1; done
+  echo ready >"$t/ready"
+}
+
+# The nginx server blocks of the verification cases, one port each.
+tls_servers() {
+  local name port
+  for name in $TLS_CASES; do
+    port=TLS_PORT_$name
+    printf '  server {\n    listen 127.0.0.1:%s ssl;\n    ssl_certificate %s;\n    ssl_certificate_key %s;\n    root %s;\n  }\n' \
+      "${!port}" "$trust/$name.pem" "$trust/$name.key" "$www"
+  done
+}
+
 start_nginx() {
   local nd="$dir/nginx" pid
   mkdir -p "$nd"
@@ -319,7 +366,8 @@ start_nginx() {
     root $www;
     access_log $nd/slow-access.log;
     limit_rate 4m;
-  }" \
+  }
+$(tls_servers)" \
     "    location = /post { return 200 \"posted\\n\"; }
     location /redirect/ { return 302 /five.bin; }
     location /auth/ {
@@ -387,7 +435,7 @@ auth_param basic realm webchannel-tests
 auth_param basic credentialsttl 1 minute
 
 acl authenticated proxy_auth REQUIRED
-acl tls_port port 443
+acl tls_port port 443$(for name in $TLS_CASES; do port=TLS_PORT_$name && printf ' %s' "${!port}"; done)
 acl CONNECT method CONNECT
 http_access deny CONNECT !tls_port
 http_access allow authenticated
@@ -461,6 +509,7 @@ cert="$dir/cert.pem" key="$dir/key.pem"
 # host-name mismatch by a verifying client.
 make_cert "$cert" "$key" DNS:localhost "$run/openssl.log" || fail "could not create the test certificate" "$run/openssl.log"
 make_data
+make_trust || fail "could not create the verification certificates" "$run/openssl.log"
 
 # The peers of a previous suite may still be letting go of the port: wait a
 # bounded while before calling it taken.
@@ -478,6 +527,7 @@ free_port HTTP_PORT || fail "no free port for nginx"
 free_port SQUID_PORT || fail "no free port for squid"
 free_port TINYPROXY_PORT || fail "no free port for tinyproxy"
 free_port SLOW_PORT || fail "no free port for the slow nginx server"
+for name in $TLS_CASES; do free_port "TLS_PORT_$name" || fail "no free port for the $name HTTPS server"; done
 
 start_nginx
 start_squid
@@ -499,6 +549,9 @@ SLOW_PORT=$SLOW_PORT
 SLOW_ACCESS_LOG=$dir/nginx/slow-access.log
 CERT=$cert
 KEY=$key
+TRUST_CA=$trust/ca.pem
+TRUST_DIR=$trust/hashed
+$(for name in $TLS_CASES; do port=TLS_PORT_$name && echo "$port=${!port}"; done)
 EOF
 mv -f "$dir/peers.env.tmp" "$dir/peers.env"
 log "nginx http 127.0.0.1:$HTTP_PORT https 127.0.0.1:$HTTPS_PORT, squid 127.0.0.1:$SQUID_PORT, tinyproxy 127.0.0.1:$TINYPROXY_PORT"

@@ -26,6 +26,39 @@ webChannel::connection::connection(unsigned long address_, std::string host_, st
     memset(&serverAddress, 0, sizeof(serverAddress));
 }
 
+namespace {
+
+// The pooled connection to `key` when it may serve the request. One that may
+// not (a reconnect is asked for, or it was made under another trust setting:
+// a server accepted under one says nothing about another) is closed and
+// retired, as the caller may still hold it; its address is kept in `address`.
+webChannel::connection* pooled(webChannel& channel, std::map<std::string, webChannel::connection*>& pool,
+                               std::vector<webChannel::connection*>& retired, const std::string& key, bool reconnect,
+                               const std::optional<std::string>& trust, unsigned long& address) {
+    auto found = pool.find(key);
+    if (found == pool.end()) return nullptr;
+    webChannel::connection* conn = found->second;
+    const bool sameTrust = !conn->https || conn->verifyPeer == trust;
+    if (!reconnect && sameTrust) {
+        if (webChannel::logging())
+            webChannel::log("VRAXSecureWebChannel::open: reusing existing connection %x to %s",
+                            (unsigned)(uintptr_t)conn, key.c_str());
+        if (!conn->https) conn->readyEvents = EPOLLOUT;
+        return conn;
+    }
+    if (!sameTrust && webChannel::logging())
+        webChannel::log(
+            "VRAXSecureWebChannel::open: replacing connection %x to %s made under another verification setting",
+            (unsigned)(uintptr_t)conn, key.c_str());
+    address = conn->address;
+    channel.closeConnection(conn);
+    pool.erase(found);
+    retired.push_back(conn);
+    return nullptr;
+}
+
+}  // namespace
+
 webChannel::connection* webChannel::open(std::string url, threadData* worker, bool reconnect, int* result) {
     std::map<std::string, connection*>& pool = worker != nullptr ? worker->connections : m_connections;
     std::vector<connection*>& retired = worker != nullptr ? worker->retired : m_retiredConnections;
@@ -33,7 +66,7 @@ webChannel::connection* webChannel::open(std::string url, threadData* worker, bo
     // workers must not overwrite a batch's first failure.
     auto report = [&](int code) {
         if (result != nullptr) *result = code;
-        if (worker == nullptr) atomicStore(m_errorCode, code);
+        if (worker == nullptr) storeOpenFailure(code);
     };
 
     std::string host, port, path, credentials;
@@ -46,23 +79,10 @@ webChannel::connection* webChannel::open(std::string url, threadData* worker, bo
     }
     std::string key = host + ":" + port;
     unsigned long address = 0;
-    auto pooled = pool.find(key);
-    if (pooled != pool.end()) {
-        connection* conn = pooled->second;
-        if (!reconnect) {
-            if (logging())
-                log("VRAXSecureWebChannel::open: reusing existing connection %x to %s", (unsigned)(uintptr_t)conn,
-                    key.c_str());
-            if (!conn->https) conn->readyEvents = EPOLLOUT;
-            if (result != nullptr) *result = kOk;
-            return conn;
-        }
-        // The caller may still hold the old record: close it, keep it alive
-        // until the pool is emptied.
-        address = conn->address;
-        closeConnection(conn);
-        pool.erase(pooled);
-        retired.push_back(conn);
+    const std::optional<std::string> trust = https ? verifySetting() : std::nullopt;
+    if (connection* conn = pooled(*this, pool, retired, key, reconnect, trust, address)) {
+        if (result != nullptr) *result = kOk;
+        return conn;
     }
 
     const std::string& proxyHost = https ? m_httpsProxyHost : m_httpProxyHost;
@@ -76,6 +96,7 @@ webChannel::connection* webChannel::open(std::string url, threadData* worker, bo
     }
 
     connection* conn = new connection(address, host, port, https);
+    conn->verifyPeer = trust;
     int code = initSocket(conn, worker);
     if (code == kOk && https) code = connectSSL(conn);
     report(code);

@@ -1,5 +1,6 @@
 // The two operations through which the HTTP layer moves bytes. Each makes at
 // most one transfer per call; transient conditions read as 0, time-outs as -2.
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -27,6 +28,30 @@ bool tlsHolds(SSL* ssl) {
 #else
     return SSL_pending(ssl) != 0;
 #endif
+}
+
+// Takes what the TLS layer already holds into `buffer`, at most `size` bytes,
+// without waiting for the network. With read-ahead it may hold the start of
+// a record whose rest is still on the way; a read on the blocking socket
+// would then wait for that rest up to the socket's time-out, long after the
+// data a caller wanted had arrived. So these reads run with the socket
+// non-blocking, and a record still incomplete ends them.
+int takeHeld(SSL* ssl, int socket, char* buffer, int size) {
+    if (size <= 0 || !tlsHolds(ssl)) return 0;
+    const int flags = fcntl(socket, F_GETFL, 0);
+    if (flags < 0 || ((flags & O_NONBLOCK) == 0 && fcntl(socket, F_SETFL, flags | O_NONBLOCK) != 0)) return 0;
+    const int saved = errno;
+    int got = 0;
+    while (got < size && tlsHolds(ssl)) {
+        ERR_clear_error();
+        const int more = SSL_read(ssl, buffer + got, size - got);
+        if (more <= 0) break;
+        got += more;
+    }
+    if ((flags & O_NONBLOCK) == 0) fcntl(socket, F_SETFL, flags);
+    ERR_clear_error();
+    errno = saved;
+    return got;
 }
 
 }  // namespace
@@ -76,17 +101,11 @@ int webChannel::read(connection* conn, char* buffer, int size, long long offset,
         ERR_clear_error();
         return SSL_read(conn->ssl, buffer, size);
     }
-    // Drain what the TLS layer already holds, within the buffer.
-    int total = 0;
+    // Then drain what the TLS layer already holds, within the buffer.
     ERR_clear_error();
-    int result = SSL_read(conn->ssl, buffer, size);
-    while (result > 0) {
-        total += result;
-        if (total >= size || !tlsHolds(conn->ssl)) break;
-        ERR_clear_error();
-        result = SSL_read(conn->ssl, buffer + total, size - total);
-    }
-    return total;
+    const int result = SSL_read(conn->ssl, buffer, size);
+    if (result <= 0) return 0;
+    return result + takeHeld(conn->ssl, conn->socket, buffer + result, size - result);
 }
 
 int webChannel::write(connection* conn, std::string data) {
@@ -170,12 +189,7 @@ int webChannel::readBlock(connection* conn, char* buffer, int size) {
     int got = read(conn, buffer, size, 0, false);
     // Over TLS a read brings one record; the records the TLS layer already
     // holds are taken too, so that the file gets large writes rather than
-    // one per 16 KiB record. None of these further reads can block.
+    // one per 16 KiB record. None of these further reads waits.
     if (got <= 0 || conn->ssl == nullptr) return got;
-    while (got < size && tlsHolds(conn->ssl)) {
-        int more = read(conn, buffer + got, size - got, 0, false);
-        if (more <= 0) break;
-        got += more;
-    }
-    return got;
+    return got + takeHeld(conn->ssl, conn->socket, buffer + got, size - got);
 }

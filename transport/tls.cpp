@@ -6,6 +6,7 @@
 #include <openssl/x509v3.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -87,6 +88,23 @@ bool isIpLiteral(const std::string& host) {
     return !host.empty() && host.find_first_not_of("0123456789.") == std::string::npos;
 }
 
+// A store of the trust anchors at `path`: a PEM bundle, or a directory of
+// certificates named by their subject hashes (read as handshakes need them).
+// Null when the path cannot be read or a bundle holds no certificate.
+X509_STORE* loadTrustAnchors(const std::string& path) {
+    struct stat info;
+    if (path.empty() || stat(path.c_str(), &info) != 0) return nullptr;
+    const bool directory = S_ISDIR(info.st_mode);
+    if (directory && access(path.c_str(), R_OK | X_OK) != 0) return nullptr;
+    X509_STORE* store = X509_STORE_new();
+    if (store == nullptr) return nullptr;
+    int loaded = directory ? X509_STORE_load_locations(store, nullptr, path.c_str())
+                           : X509_STORE_load_locations(store, path.c_str(), nullptr);
+    if (loaded == 1) return store;
+    X509_STORE_free(store);
+    return nullptr;
+}
+
 // OpenSSL's words for the last error it recorded on this thread, or "".
 std::string openSslText() {
     unsigned long code = ERR_peek_last_error();
@@ -107,7 +125,49 @@ std::string handshakeFailure(int error, int systemError) {
     return "connection closed during the handshake";
 }
 
+// The verification result in OpenSSL's words, after the server it concerns.
+int untrusted(webChannel::connection* conn, long verified) {
+    webChannel::noteFailure(kUntrusted, conn->host + ":" + conn->port + ": " + X509_verify_cert_error_string(verified));
+    return kUntrusted;
+}
+
 }  // namespace
+
+std::optional<std::string> webChannel::verifySetting() {
+    std::string value;
+    if (!findParam(kParamVerifyPeer, value)) return std::nullopt;
+    return value;
+}
+
+X509_STORE* webChannel::trustStore(const std::string& path) {
+    ScopedLock lock(m_trustLock);
+    auto found = m_trustStores.find(path);
+    if (found != m_trustStores.end()) return found->second;
+    X509_STORE* store = loadTrustAnchors(path);
+    m_trustStores[path] = store;
+    return store;
+}
+
+bool webChannel::requireTrust(connection* conn) {
+    const std::string& path = *conn->verifyPeer;
+    // No path: the system store, which connectSSL has loaded into the context.
+    X509_STORE* store = path.empty() ? SSL_CTX_get_cert_store(m_sslContext) : trustStore(path);
+    if (store == nullptr) {
+        if (logging()) log("VRAXSecureWebChannel::connectSSL: cannot read the trust anchors in %s", path.c_str());
+        noteFailure(kUntrusted, conn->host + ":" + conn->port + ": cannot read the trust anchors in " + path);
+        return false;
+    }
+    if (!path.empty()) SSL_set1_verify_cert_store(conn->ssl, store);
+    SSL_set_verify(conn->ssl, SSL_VERIFY_PEER, initSSLVerifyCallback);
+    if (isIpLiteral(conn->host)) {
+        // An address is matched with the certificate's IP addresses, never
+        // with its DNS names.
+        X509_VERIFY_PARAM* param = SSL_get0_param(conn->ssl);
+        X509_VERIFY_PARAM_set1_host(param, nullptr, 0);
+        X509_VERIFY_PARAM_set1_ip_asc(param, conn->host.c_str());
+    }
+    return true;
+}
 
 int webChannel::connectSSL(connection* conn) {
     if (m_sslContext != nullptr) loadTrustStore();
@@ -122,6 +182,8 @@ int webChannel::connectSSL(connection* conn) {
     X509_VERIFY_PARAM_set1_host(SSL_get0_param(conn->ssl), conn->host.c_str(), 0);
     // Name-based servers need the host name to pick their certificate.
     if (!isIpLiteral(conn->host)) SSL_set_tlsext_host_name(conn->ssl, conn->host.c_str());
+    // Without parameter 3021 verification is reported, not enforced.
+    if (conn->verifyPeer && !requireTrust(conn)) return kUntrusted;
 
     // The socket blocks with its time-outs set, so a want-read or want-write
     // answer means a time-out expired; the whole handshake is bounded too, so
@@ -151,6 +213,7 @@ int webChannel::connectSSL(connection* conn) {
         else
             log("VRAXSecureWebChannel::connectSSL: handshake result %d, error code %d", result, error);
     }
+    if (conn->verifyPeer && verified != X509_V_OK) return untrusted(conn, verified);
     if (result == 1) return kOk;
     // A system error counts only when the handshake ended in one (result -1);
     // at an end of file errno holds nothing of this handshake.

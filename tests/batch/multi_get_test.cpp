@@ -1,5 +1,6 @@
 // Whole batches against the real nginx over HTTP and HTTPS: mixed batches on 1 to 64 workers, and a cancel.
 #include <set>
+#include <sstream>
 
 #include "batch/batch_helpers.h"
 
@@ -99,3 +100,25 @@ TEST_F(KeptConnection, AChunkedAnswerThatEndedCleanlyIsReused) {
 }
 
 }  // namespace
+
+// getNextDownloadedFile answers as the walk over the list in addJob order does (the first verified file is
+// handed out), whatever changed the list since: jobs added after a hand-out, removed and added again, init.
+using HandOut = Fixture<>;
+
+TEST_F(HandOut, EveryAnswerIsTheWalksOverTheJobList) {
+    webChannel channel;
+    init(channel, 2, "20");
+    // aN: add file N; rN: remove it; b: batch; n: one hand-out; i: init.
+    std::istringstream steps("a0 a1 a2 b r2 n a2 n n n a3 a4 b n r0 a0 n n n i a5 a6 b r5 n a5 n n n");
+    for (std::string step; steps >> step;) {
+        const std::string url = peers().httpUrl("/small/f0000" + step.substr(1) + ".bin");
+        int walk = -1;
+        for (size_t i = channel.m_httpGetJobs.size(); i-- > 0;)
+            if (channel.urlCounter(channel.m_httpGetJobs[i].url) == kUrlVerified) walk = (int)i;
+        if (step[0] == 'a') job(channel, url, "/" + step, 1024);
+        if (step[0] == 'r') channel.removeJob(url.c_str());
+        if (step[0] == 'i') init(channel, 2, "20");
+        EXPECT_EQ(step[0] == 'b' ? channel.httpMultiGet(false) : 0, 0) << "step " << steps.tellg();
+        EXPECT_EQ(step[0] == 'n' ? channel.getNextDownloadedFile() : walk, walk) << "step " << steps.tellg();
+    }
+}

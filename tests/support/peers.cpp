@@ -26,9 +26,12 @@ Peers loadPeers() {
     for (std::string line; std::getline(in, line);)
         if (size_t eq = line.find('='); eq != std::string::npos) values[line.substr(0, eq)] = line.substr(eq + 1);
     for (const char* name : {"HTTP_PORT", "SQUID_PORT", "SQUID_USER", "SQUID_PASSWORD", "TINYPROXY_PORT",
-                             "TINYPROXY_USER", "TINYPROXY_PASSWORD", "WWW", "CERT"})
+                             "TINYPROXY_USER", "TINYPROXY_PASSWORD", "WWW", "CERT", "TRUST_CA", "TRUST_DIR"})
         if (values[name].empty()) failHard("test peers: no " + std::string(name) + " in " + path);
     if (values["HTTPS_PORT"] != "443") failHard("test peers: " + path + " must say HTTPS_PORT=443");
+    std::map<std::string, int> tlsPorts;
+    for (const auto& [name, value] : values)
+        if (name.rfind("TLS_PORT_", 0) == 0) tlsPorts[name.substr(9)] = std::stoi(value);
     return {std::stoi(values["HTTP_PORT"]),
             std::stoi(values["SQUID_PORT"]),
             std::stoi(values["TINYPROXY_PORT"]),
@@ -37,7 +40,10 @@ Peers loadPeers() {
             values["TINYPROXY_USER"],
             values["TINYPROXY_PASSWORD"],
             values["WWW"],
-            values["CERT"]};
+            values["CERT"],
+            tlsPorts,
+            values["TRUST_CA"],
+            values["TRUST_DIR"]};
 }
 
 }  // namespace

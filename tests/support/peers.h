@@ -2,6 +2,7 @@
 #ifndef WEBCHANNEL_TESTS_SUPPORT_PEERS_H
 #define WEBCHANNEL_TESTS_SUPPORT_PEERS_H
 
+#include <map>
 #include <string>
 
 namespace testsupport {
@@ -14,6 +15,9 @@ struct Peers {
     std::string squidUser, squidPassword, tinyproxyUser, tinyproxyPassword;
     std::string www;   // absolute docroot
     std::string cert;  // PEM certificate of the HTTPS peer
+    // Servers by certificate (good, othername, expired, selfsigned, unknownca); the CA (PEM, hashed directory).
+    std::map<std::string, int> tlsPorts;
+    std::string trustCa, trustDir;
 
     std::string httpUrl(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(httpPort) + path; }
     std::string httpsUrl(const std::string& path) const { return "https://127.0.0.1" + path; }  // port 443 implied

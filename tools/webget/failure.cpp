@@ -55,6 +55,8 @@ std::string explainFailure(int code, const std::string& reason, const std::strin
     case wc::kPeerClosed: return hostOf(url, true) + ": " + lowerFirst(why);
     case wc::kTlsSetup:
     case wc::kTlsHandshake: return hostOf(url, true) + ": TLS handshake failed: " + why;
+    // The library's reason starts with the server it concerns.
+    case wc::kUntrusted: return reason.empty() ? hostOf(url, true) + ": " + why : reason;
     case wc::kTunnelSendShort:
     case wc::kTunnelRefused: return hostOf(url, true) + ": no tunnel through the proxy: " + why;
     case wc::kFileWrite: return target + (creating ? ": cannot create: " : ": cannot write: ") + why;

@@ -146,6 +146,7 @@ int configureChannel(VRAXSecureWebChannel* channel, const Options& options) {
     if (options.cookieGiven) channel->setParam(wc::kParamCookie, options.cookie.c_str(), true);
     if (options.keepCookies) channel->setParam(wc::kParamCookieCapture, "1", true);
     if (options.unknownSize) channel->setParam(wc::kParamUnknownSize, "1", true);
+    if (!options.insecure) channel->setParam(wc::kParamVerifyPeer, options.caCert.c_str(), true);
     return -1;
 }
 

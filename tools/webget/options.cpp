@@ -1,5 +1,6 @@
 // The command line: the option table, --help made from it, and parsing.
 #include <getopt.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -34,6 +35,7 @@ enum OptionId : int {
     kOptContinue = 'c',
     kOptHelp = 'h',
     kOptVersion = 'V',
+    kOptInsecure = 'k',
     kOptPost = 1000,
     kOptHttpProxy,
     kOptHttpsProxy,
@@ -46,6 +48,7 @@ enum OptionId : int {
     kOptJson,
     kOptShard,
     kOptChecksums,
+    kOptCaCert,
 };
 
 struct OptionDoc {
@@ -62,8 +65,7 @@ const OptionDoc kOptions[] = {
      "Batch from a manifest: one job a line, 'URL TARGET [SIZE [DIGEST [ALGORITHM]]]', whitespace-separated, "
      "'#' starts a comment. SIZE 0 or absent: the library asks the server. DIGEST '-' or absent: verify by "
      "size only; such a batch then gives every file whole to one worker, as a file cut into pieces can only be "
-     "verified by its digest. ALGORITHM defaults from the digest's length (md5, sha1, sha256, sha512). Relative "
-     "targets are "
+     "verified by its digest. ALGORITHM defaults from the digest's length (md5, sha1, sha256, sha512). Relative targets are "
      "taken under -d DIR when given. FILE '-' reads standard input."},
     {"directory", kOptDirectory, "DIR",
      "Directory for the batch targets (created when missing). With URLs on the command line each goes to "
@@ -92,6 +94,14 @@ const OptionDoc kOptions[] = {
     {"cookie", kOptCookie, "TEXT", "Send TEXT as the Cookie header."},
     {"keep-cookies", kOptKeepCookies, nullptr, "Keep the last Set-Cookie of a response and send it from then on."},
     {"no-cache", kOptNoCache, nullptr, "Send no-cache request headers (Cache-Control, Pragma, Expires)."},
+    {"cacert", kOptCaCert, "PATH",
+     "Verify HTTPS servers against the trust anchors in PATH (a PEM file of certificates, or a directory of "
+     "certificates named by their subject hashes, as 'openssl rehash' makes it) instead of the system's store. "
+     "Without -k every HTTPS server is verified: its certificate must chain to a trusted anchor, be valid now, "
+     "and name the URL's host (or its IP address)."},
+    {"insecure", kOptInsecure, nullptr,
+     "Do not verify HTTPS servers' certificates: any certificate is accepted (the TLS connection is still "
+     "encrypted, but the server may be anyone)."},
     {"timeout", kOptTimeout, "SECONDS", "Transfer time-out: bounds every connect and every wait (default 300)."},
     {"unknown-size", kOptUnknownSize, nullptr,
      "Do not ask for sizes before the batch: sizes come from the responses and whole files are dealt to the "
@@ -168,10 +178,8 @@ void printHelp(FILE* out) {
             gProgram);
     for (const OptionDoc& option : kOptions) {
         std::string head = "  ";
-        if (option.id < 256)
-            head += std::string("-") + (char)option.id + ", ";
-        else
-            head += "    ";
+        if (option.id < 256) head += std::string("-") + (char)option.id + ", ";
+        else head += "    ";
         head += std::string("--") + option.longName;
         if (option.argument != nullptr) head += std::string(" ") + option.argument;
         fprintf(out, "%s\n%s", head.c_str(), wrap(option.help, 8, 80).c_str());
@@ -236,7 +244,14 @@ int takePostData(const std::string& value, Options& options) {
     } else {
         options.postData = value;
     }
-    if (options.postData.find('\0') != std::string::npos) return usage("%s: POST data cannot contain NUL bytes", value);
+    if (options.postData.find('\0') != std::string::npos)
+        return usage("%s: POST data cannot contain NUL bytes", value);
+    return -1;
+}
+
+int takeTrustAnchors(const std::string& path, Options& options) {
+    if (access(path.c_str(), R_OK) != 0) return usage("cannot read the trust anchors in '%s'", path);
+    options.caCert = path;
     return -1;
 }
 
@@ -256,96 +271,67 @@ int refuseOption(char** argv) {
 int takeOption(int id, const std::string& value, Options& options, char** argv) {
     long long number = 0;
     switch (id) {
-        case kOptInput:
-            options.manifest = value;
-            break;
-        case kOptDirectory:
-            options.directory = value;
-            options.directoryGiven = true;
-            break;
-        case kOptOutput:
-            options.output = value;
-            break;
-        case kOptStdout:
-            if (value == "-")
-                options.toStdout = true;
-            else
-                options.output = value;
-            break;
-        case kOptPost:
-            return takePostData(value, options);
-        case kOptHeader:
-            if (value.find(':') == std::string::npos || value.find_first_of("\r\n") != std::string::npos ||
-                value[0] == ':')
-                return usage("bad header '%s' (expected 'Name: value' on one line)", value);
-            options.headers.push_back(value);
-            break;
-        case kOptJobs:
-            if (!parseInt(value, 1, kMaxWorkers, number)) return usage("bad worker count '%s' (1 to 64)", value);
-            options.workers = (unsigned)number;
-            break;
-        case kOptTimeout:
-            if (!parseInt(value, 1, kMaxTimeoutSeconds, number))
-                return usage("bad time-out '%s' (seconds, at least 1)", value);
-            options.timeout = value;
-            break;
-        case kOptHttpProxy:
-            options.httpProxy = value;
-            options.httpProxyGiven = true;
-            break;
-        case kOptHttpsProxy:
-            options.httpsProxy = value;
-            options.httpsProxyGiven = true;
-            break;
-        case kOptUser:
-            if (value.find(':') == std::string::npos)
-                return usage("bad credentials '%s' (expected USER:PASSWORD)", value);
-            options.user = value;
-            options.userGiven = true;
-            break;
-        case kOptCookie:
-            options.cookie = value;
-            options.cookieGiven = true;
-            break;
-        case kOptKeepCookies:
-            options.keepCookies = true;
-            break;
-        case kOptNoCache:
-            options.noCache = true;
-            break;
-        case kOptUnknownSize:
-            options.unknownSize = true;
-            break;
-        case kOptLog:
-            options.logFile = value;
-            break;
-        case kOptLibrary:
-            options.library = value;
-            break;
-        case kOptQuiet:
-            options.quiet = true;
-            break;
-        case kOptJson:
-            options.json = true;
-            break;
-        case kOptContinue:
-            options.resume = true;
-            break;
-        case kOptChecksums:
-            options.checksumFiles.push_back(value);
-            break;
-        case kOptShard:
-            if (!parseShard(value, options.shardIndex, options.shardCount))
-                return usage("bad share '%s' (expected I/N with 0 <= I < N)", value);
-            break;
-        case kOptHelp:
-            printHelp(stdout);
-            return kExitOk;
-        case kOptVersion:
-            printf("%s %s\n", gProgram, WEBGET_VERSION);
-            return kExitOk;
-        default:
-            return refuseOption(argv);
+    case kOptInput: options.manifest = value; break;
+    case kOptDirectory:
+        options.directory = value;
+        options.directoryGiven = true;
+        break;
+    case kOptOutput: options.output = value; break;
+    case kOptStdout:
+        if (value == "-") options.toStdout = true;
+        else options.output = value;
+        break;
+    case kOptPost: return takePostData(value, options);
+    case kOptHeader:
+        if (value.find(':') == std::string::npos || value.find_first_of("\r\n") != std::string::npos ||
+            value[0] == ':')
+            return usage("bad header '%s' (expected 'Name: value' on one line)", value);
+        options.headers.push_back(value);
+        break;
+    case kOptJobs:
+        if (!parseInt(value, 1, kMaxWorkers, number)) return usage("bad worker count '%s' (1 to 64)", value);
+        options.workers = (unsigned)number;
+        break;
+    case kOptTimeout:
+        if (!parseInt(value, 1, kMaxTimeoutSeconds, number))
+            return usage("bad time-out '%s' (seconds, at least 1)", value);
+        options.timeout = value;
+        break;
+    case kOptHttpProxy:
+        options.httpProxy = value;
+        options.httpProxyGiven = true;
+        break;
+    case kOptHttpsProxy:
+        options.httpsProxy = value;
+        options.httpsProxyGiven = true;
+        break;
+    case kOptUser:
+        if (value.find(':') == std::string::npos) return usage("bad credentials '%s' (expected USER:PASSWORD)", value);
+        options.user = value;
+        options.userGiven = true;
+        break;
+    case kOptCookie:
+        options.cookie = value;
+        options.cookieGiven = true;
+        break;
+    case kOptKeepCookies: options.keepCookies = true; break;
+    case kOptNoCache: options.noCache = true; break;
+    case kOptUnknownSize: options.unknownSize = true; break;
+    case kOptInsecure: options.insecure = true; break;
+    case kOptCaCert: return takeTrustAnchors(value, options);
+    case kOptLog: options.logFile = value; break;
+    case kOptLibrary: options.library = value; break;
+    case kOptQuiet: options.quiet = true; break;
+    case kOptJson: options.json = true; break;
+    case kOptContinue: options.resume = true; break;
+    case kOptChecksums: options.checksumFiles.push_back(value); break;
+    case kOptShard:
+        if (!parseShard(value, options.shardIndex, options.shardCount))
+            return usage("bad share '%s' (expected I/N with 0 <= I < N)", value);
+        break;
+    case kOptHelp: printHelp(stdout); return kExitOk;
+    case kOptVersion: printf("%s %s\n", gProgram, WEBGET_VERSION); return kExitOk;
+    default: return refuseOption(argv);
     }
     return -1;
 }
@@ -366,6 +352,7 @@ int checkModes(const Options& options) {
     if (options.json && single) return usage("%s", "--json only applies to batches");
     if (options.shardCount > 1 && single) return usage("%s", "--shard only applies to batches");
     if (!options.checksumFiles.empty() && single) return usage("%s", "--checksums only applies to batches");
+    if (options.insecure && !options.caCert.empty()) return usage("%s", "--cacert and -k exclude each other");
     return -1;
 }
 

@@ -84,6 +84,8 @@ struct Options {
     bool keepCookies = false;
     bool noCache = false;
     std::string timeout;
+    bool insecure = false;  // -k: servers' certificates are not verified
+    std::string caCert;     // --cacert PATH: trust anchors instead of the system store
     bool unknownSize = false;
     std::string logFile;
     std::string library;
