@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -145,13 +146,14 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
     // it no longer tells what the target holds.
     const bool continuing = hasParam(kParamContinue) && size > 0;
     if (continuing) findParam(kParamContinue, job.params[kParamContinue]);
-    if (jobPosition(job.url) < 0) {
+    const long listed = jobPosition(job.url);
+    if (listed < 0) {
         m_jobIndex[job.url] = m_httpGetJobs.size();
         m_httpGetJobs.push_back(job);
-        // A URL removed while its file waited to be handed out keeps its
-        // verified counter: back in the list, it is handed out again.
-        if (urlCounter(job.url) == kUrlVerified) noteVerified(job.url);
     }
+    // A job back after removeJob, or its target emptied again: what a batch
+    // knew of the file no longer holds.
+    if (listed < 0 || (!continuing && m_httpGetJobs[(size_t)listed].file == job.file)) forgetFile(job.url);
     if (!continuing) unlink(ResumeRecord::pathFor(file).c_str());
 
     if (continuing ? !target.create() : !target.empty()) {
@@ -164,6 +166,23 @@ int webChannel::addJob(const char* url, const char* file, long long size, const 
     }
     if (logging()) log("VRAXSecureWebChannel::addJob: finished");
     return kOk;
+}
+
+void webChannel::forgetFile(const std::string& url) {
+    // Left as it was, a counter of -1 or -2 would hand out (or count as done)
+    // the empty target, and one above 0 would wait for pieces that removeJob
+    // took or that resume into an emptied file. At 0 the next batch fetches
+    // the file from its first byte.
+    auto counter = m_downloaded.find(url);
+    if (counter == m_downloaded.end() || counter->second == 0) return;
+    counter->second = 0;
+    for (threadData* record : m_batch) {
+        std::vector<httpGetJob>& jobs = record->jobs;
+        jobs.erase(std::remove_if(jobs.begin(), jobs.end(), [&](const httpGetJob& job) { return job.url == url; }),
+                   jobs.end());
+    }
+    ScopedLock lock(m_lock4);
+    m_verifiedStale = true;
 }
 
 int webChannel::addJob_c(const char* url, const char* file, long long size, const char* checksum_,

@@ -358,6 +358,8 @@ public:
     static void* executeHttpGet(void* record);
     int executeJob(threadData* record, unsigned int j);
     int downloadJob(threadData* record, unsigned int j);
+    // Back to "not planned": the next batch fetches the file of `url` afresh.
+    void forgetFile(const std::string& url);
     // The size of the file at `url` from the head of a GET, or -1 (noted as
     // the error when the error detail is on).
     long long probeSize(const char* url);
