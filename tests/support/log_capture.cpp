@@ -2,10 +2,10 @@
 
 #include <unistd.h>
 
-#include <fstream>
 #include <sstream>
 
 #include "channel/webChannel.h"
+#include "support/peers.h"
 
 namespace testsupport {
 
@@ -13,8 +13,7 @@ LogCapture::LogCapture() {
     char name[] = "/tmp/webchannel-log-XXXXXX";
     ::close(mkstemp(name));
     m_path = name;
-    // Swapped in directly: a channel destroyed later closes the log and clears the stream, which this capture
-    // tolerates.
+    // Swapped in directly: a channel destroyed later closes the log and clears the stream, which is tolerated.
     webChannel::m_log = fopen(m_path.c_str(), "a+");
 }
 
@@ -26,9 +25,7 @@ LogCapture::~LogCapture() {
 }
 
 std::string LogCapture::text() const {
-    std::ostringstream out;
-    out << std::ifstream(m_path, std::ios::binary).rdbuf();
-    return out.str();
+    return readFile(m_path);
 }
 
 std::vector<std::string> LogCapture::lines() const {

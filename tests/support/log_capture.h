@@ -13,7 +13,6 @@ public:
     ~LogCapture();  // switches the channel's log off and deletes the file
     std::string text() const;
     std::vector<std::string> lines() const;  // messages, without the time prefix
-    const std::string& path() const { return m_path; }
 
 private:
     std::string m_path;
