@@ -9,10 +9,6 @@ namespace {
 
 using namespace transporttest;
 
-std::string nginxUrl(const std::string& path, bool https) {
-    return https ? peers().httpsUrl(path) : peers().httpUrl(path);
-}
-
 class SingleGet : public ChannelTest {
 protected:
     int get(const std::string& url) { return channel.httpGet(url.c_str()); }
@@ -23,15 +19,15 @@ protected:
 
 TEST_F(SingleGet, NginxFilesArriveWholeAndMemoryGetsGiveTheSeparatorAndTheBodyOfTheFirstReadOnly) {
     long long length = -1;
-    for (bool https : {false, true}) {
+    for (auto url : {&Peers::httpUrl, &Peers::httpsUrl}) {
         for (const std::string name : {"/empty.bin", "/k256p1.bin", "/m40.bin"}) {
             std::ofstream(target) << std::string(10000, 'x');  // to be cut to the body
-            ASSERT_EQ(getFile(nginxUrl(name, https), target), kOk) << name;
-            EXPECT_TRUE(readFile(target) == readFile(peers().www + name)) << name << https;
+            ASSERT_EQ(getFile((peers().*url)(name), target), kOk) << name;
+            EXPECT_TRUE(readFile(target) == readFile(peers().www + name)) << (peers().*url)(name);
         }
         for (const auto& [name, body] :
              {std::pair<std::string, std::string>{"/five.bin", "hello"}, {"/empty.bin", ""}}) {
-            ASSERT_EQ(get(nginxUrl(name, https)), kOk) << name;
+            ASSERT_EQ(get((peers().*url)(name)), kOk) << name;
             EXPECT_EQ(memory(&length), "\r\n\r\n" + body) << name;
             EXPECT_EQ(length, (long long)body.size()) << name;
         }
