@@ -12,10 +12,9 @@ namespace {
 using namespace batchtest;
 using Faults = Fixture<>;
 
-// A file in two pieces whose back piece is cut by an orderly close: the job fails; the next batch resumes that
-// piece from its first missing byte without counting the finished front piece again, so the file is verified
-// once, whole (the resumed answer is held back so that an early verification shows), and then handed out.
-// Corrupted, it gives -3061, and the batch after fetches every piece again from its first byte.
+// A file in two pieces whose back piece is cut by a close: the next batch resumes that piece from its first
+// missing byte, verifies the file once, whole (the resumed answer waits, so an early verification shows), then
+// hands it out. Corrupted, it gives -3061, and the batch after fetches every piece again from its first byte.
 class PiecesAcrossBatches : public Fixture<::testing::TestWithParam<bool>> {};
 
 TEST_P(PiecesAcrossBatches, TheFileIsVerifiedOnceWholeAndOnlyThenHandedOut) {
@@ -61,14 +60,12 @@ TEST_P(PiecesAcrossBatches, TheFileIsVerifiedOnceWholeAndOnlyThenHandedOut) {
 INSTANTIATE_TEST_SUITE_P(Faults, PiecesAcrossBatches, ::testing::Bool(),
                          [](const auto& info) { return std::string(info.param ? "CorruptedResume" : "CleanResume"); });
 
-// Four workers, small files whole to the least-loaded: /f0 and /f2 to the first, /silent and /behind to the
-// second, /f1 and /late (asked after the pause, so after /silent failed) to the third, /mid to the fourth.
-// /f0, reset mid-body, resumes at once from its first missing byte. A reset before the head (/f1), a kept
-// connection closed as the next request arrives (/f2) and a stall mid-body (/mid) are repeated after a counted
-// 2-second pause, on a fresh connection, from the first missing byte; /mid's repeat gets the whole file with
-// a 200, whose bytes before the one asked for are skipped. Silence before the head (/silent) fails its job
-// after the time-out, unasked again, and ends its worker's work (/behind) only; a later failure (/late) leaves
-// the first one reported.
+// Four workers: /f0 and /f2 go to the first, /silent and /behind to the second, /f1 and /late to the third, /mid
+// to the fourth. /f0, reset mid-body, resumes at once. A reset before the head (/f1), a kept connection closed
+// as the next request arrives (/f2) and a stall mid-body (/mid) are repeated after a counted 2-second pause from
+// the first missing byte (/mid's repeat gets a 200 with the whole file, its head skipped). Silence before the
+// head (/silent) fails its job and ends its worker's work (/behind) only; a later failure (/late) leaves the
+// first one reported.
 TEST_F(Faults, BrokenConnectionsAreResumedOrRepeatedAfterACountedPauseOrFailOnlyTheirOwnWorker) {
     LogCapture log;
     std::atomic<long long> half{0};
@@ -95,7 +92,6 @@ TEST_F(Faults, BrokenConnectionsAreResumedOrRepeatedAfterACountedPauseOrFailOnly
              c.send(httpResponse(404, ""));
          }}};
     std::map<std::string, Routes::Route> routes;
-    // The first request meets the fault, later ones the content; /mid's with the whole file and a 200.
     for (const auto& [path, seed, size, fault] : jobs)
         routes[path] = [seed = seed, size = size, fault = fault, whole = path == "/mid"](
                            ServerConnection& c, const std::string& request, int attempt) {
@@ -144,9 +140,9 @@ TEST_F(Faults, AWholeFileAnswerThatStartsOverIsVerifiedFromDisk) {
 }
 
 // Malformed answers, absurd lengths, broken chunk framing and bad redirects, each for one job of a two-worker
-// batch whose other job is served correctly. "BASE" stands for the server's URL. After sending, the server
-// closes, waits for the client to give up, or reads on.
-enum After { kClose, kStall, kKeep, kOnce };  // kOnce: closes, and the next request gets the content
+// batch whose other job is served correctly; "BASE" stands for the server's URL. After sending, the server
+// closes, stalls, reads on, or closes once and then serves the content.
+enum After { kClose, kStall, kKeep, kOnce };
 
 struct BadAnswer {
     const char* name;
@@ -268,10 +264,9 @@ TEST_F(Faults, BrokenTunnelsAndHandshakesFailOnlyTheirOwnJobs) {
     EXPECT_EQ(countLines(log.text(), kCountedRepeat), 1);
 }
 
-// Targets that cannot be written, made without privileges so that they bite root too: a file in the way of
-// a directory (refused by addJob, yet listed) and a directory in the way of the file fail their jobs with
-// -3054; a link to /dev/full, a full disk, cuts its body short (-3051). In every batch, and no partial file
-// is handed out.
+// Targets that bite root too: a file in the way of a directory (refused by addJob, yet listed) and a directory
+// in the way of the file fail with -3054; a link to /dev/full cuts its body short (-3051). No partial file is
+// handed out, in any batch.
 TEST_F(Faults, TargetsThatCannotBeWrittenFailOnlyTheirOwnJobsInEveryBatchAndSingleGets) {
     ScriptServer server([](ServerConnection& c) {
         for (std::string request; !(request = c.readRequest()).empty() && serve(c, request, 7, 100000) >= 0;) {

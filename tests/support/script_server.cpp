@@ -117,9 +117,7 @@ void ServerConnection::shutdownForStop() {
 
 ScriptServer::ScriptServer(Handler handler) : handler_(std::move(handler)) {
     listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t length = sizeof address;
     if (listenFd_ < 0 || ::bind(listenFd_, (sockaddr*)&address, sizeof address) != 0 || ::listen(listenFd_, 128) != 0 ||
         ::getsockname(listenFd_, (sockaddr*)&address, &length) != 0)
