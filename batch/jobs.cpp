@@ -243,6 +243,14 @@ long webChannel::jobPosition(const std::string& url) {
     return found == m_jobIndex.end() ? -1 : (long)found->second;
 }
 
+long long webChannel::listedSize(const std::string& url) const {
+    // Only reads the index: workers call it while the batch runs.
+    auto found = m_jobIndex.find(url);
+    if (found == m_jobIndex.end() || found->second >= m_httpGetJobs.size()) return 0;
+    const httpGetJob& job = m_httpGetJobs[found->second];
+    return job.url == url ? job.size : 0;
+}
+
 long webChannel::urlCounter(const std::string& url) const {
     auto found = m_downloaded.find(url);
     return found == m_downloaded.end() ? 0 : atomicLoad(found->second);

@@ -349,14 +349,16 @@ Stop planBody(Attempt& a, Body& body) {
 }
 
 // A partial answer is written only where it says it belongs: its range must
-// start at the byte asked for and end within the piece. An answer without a
-// range, with one that does not parse, or for another place costs an attempt
-// and none of its bytes reach the target.
+// start at the byte asked for, end within the piece, and be part of a file of
+// the listed size (when the listed size and the total are known). An answer
+// without a range, with one that does not parse, or for another place or
+// another file costs an attempt and none of its bytes reach the target.
 Stop checkRange(Attempt& a, ConnectionLease& lease) {
     if (!a.ranged || a.code != 206) return std::nullopt;
     long long first = -1, last = -1, total = -1;
+    const long long listed = a.channel.listedSize(a.job->url);
     if (a.head.contentRangeSeen && parseContentRange(a.head.contentRange, first, last, total) &&
-        first == a.job->start && last <= a.job->end)
+        first == a.job->start && last <= a.job->end && (total < 0 || listed <= 0 || total == listed))
         return std::nullopt;
     if (webChannel::logging())
         webChannel::log(

@@ -358,6 +358,8 @@ public:
     static void* executeHttpGet(void* record);
     int executeJob(threadData* record, unsigned int j);
     int downloadJob(threadData* record, unsigned int j);
+    // The size the job list gives for the file of `url`; 0 when unknown.
+    long long listedSize(const std::string& url) const;
     // Back to "not planned": the next batch fetches the file of `url` afresh.
     void forgetFile(const std::string& url);
     // The size of the file at `url` from the head of a GET, or -1 (noted as

@@ -190,6 +190,7 @@ const BadAnswer kBadAnswers[] = {
     {"PartialAnswerWithoutRange", "HTTP/1.1 206 Partial Content\r\nContent-Length: 5\r\n\r\n!!!!!", kOnce, 0, 2},
     {"PartialAnswerWithAGarbledRange", kPartialAt + "0-x/5\r\nContent-Length: 5\r\n\r\n!!!!!", kOnce, 0, 2},
     {"PartialAnswerForAnotherPlace", kPartialAt + "1-4/5\r\nContent-Length: 4\r\n\r\n!!!!", kOnce, 0, 2},
+    {"PartialAnswerOfAnotherFile", kPartialAt + "0-4/6\r\nContent-Length: 5\r\n\r\n!!!!!", kOnce, 0, 2},
 };
 
 class BadAnswers : public Fixture<::testing::TestWithParam<BadAnswer>> {};
