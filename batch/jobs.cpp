@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -176,11 +175,7 @@ void webChannel::forgetFile(const std::string& url) {
     auto counter = m_downloaded.find(url);
     if (counter == m_downloaded.end() || counter->second == 0) return;
     counter->second = 0;
-    for (threadData* record : m_batch) {
-        std::vector<httpGetJob>& jobs = record->jobs;
-        jobs.erase(std::remove_if(jobs.begin(), jobs.end(), [&](const httpGetJob& job) { return job.url == url; }),
-                   jobs.end());
-    }
+    dropPieces(url, false);
     ScopedLock lock(m_lock4);
     m_verifiedStale = true;
 }
@@ -206,18 +201,22 @@ int webChannel::removeJob(const char* url) {
         ScopedLock lock(m_lock4);
         m_verifiedStale = true;
     }
+    dropPieces(probe.url, true);
+    return (int)m_httpGetJobs.size();
+}
+
+void webChannel::dropPieces(const std::string& url, bool logged) {
     for (size_t t = 0; t < m_batch.size(); ++t) {
         std::vector<httpGetJob>& jobs = m_batch[t]->jobs;
         for (auto job = jobs.begin(); job != jobs.end();) {
-            if (*job == probe) {
-                if (logging()) log("VRAXSecureWebChannel::removeJob: removed entry from thread %d", (int)t);
-                job = jobs.erase(job);
-            } else {
+            if (job->url != url) {
                 ++job;
+                continue;
             }
+            if (logged && logging()) log("VRAXSecureWebChannel::removeJob: removed entry from thread %d", (int)t);
+            job = jobs.erase(job);
         }
     }
-    return (int)m_httpGetJobs.size();
 }
 
 int webChannel::isValid(const char* file, const char* checksum_, const char* algorithm) {

@@ -53,6 +53,13 @@ void webChannel::initBatch() {
         log("VRAXSecureWebChannel::initBatch: URL %s, jobs %ld", entry.first.c_str(), entry.second);
 }
 
+void webChannel::prepareRecords() {
+    for (unsigned t = 0; t < m_threadNum; ++t) {
+        if (t >= m_batch.size()) m_batch.push_back(makeRecord(this, t));
+        m_batch[t]->size = 0;
+    }
+}
+
 void webChannel::planShares(std::vector<httpGetJob>& work, long long total) {
     if (hasParam(kParamFileOrder)) {
         planFileOrder(work, total);
@@ -62,10 +69,9 @@ void webChannel::planShares(std::vector<httpGetJob>& work, long long total) {
     const long long lowMark = share - kShareSlack;
     const long long highMark = share + kShareSlack;
     size_t cursor = 0;
+    prepareRecords();
     for (unsigned t = 0; t < m_threadNum; ++t) {
-        bool created = t >= m_batch.size();
-        threadData* record = created ? makeRecord(this, t) : m_batch[t];
-        record->size = 0;
+        threadData* record = m_batch[t];
         while (lowMark > 0 && cursor < work.size()) {
             httpGetJob job = work[cursor];
             if (record->size + job.size > highMark) {
@@ -88,7 +94,6 @@ void webChannel::planShares(std::vector<httpGetJob>& work, long long total) {
             ++cursor;
             if (record->size >= lowMark) break;
         }
-        if (created) m_batch.push_back(record);
     }
     // Leftovers, whole, each to the least-loaded record (the first of equals).
     for (; cursor < work.size(); ++cursor) {
@@ -107,10 +112,7 @@ void webChannel::planFileOrder(std::vector<httpGetJob>& work, long long total) {
     // share has arrived. Only the last round of pieces is left to hash when
     // the last byte lands. Smaller files stay whole.
     const long long share = total / m_threadNum;
-    for (unsigned t = 0; t < m_threadNum; ++t) {
-        if (t >= m_batch.size()) m_batch.push_back(makeRecord(this, t));
-        m_batch[t]->size = 0;
-    }
+    prepareRecords();
     for (const httpGetJob& job : work) {
         long long piece = job.size;
         if (share > 0 && job.size > share)

@@ -108,7 +108,7 @@ void webChannel::recordFailure(int code, const std::string& file) {
     if (!atomicSwap(m_errorCode, expected, noted.detail)) return;
     m_errorContext = file;
     if (!detailed) {
-        m_errorMessage = code == kUntrusted ? notedReason(code) + ": " + file + "\n" : errorText(code, file);
+        m_errorMessage = errorText(code, file);
         return;
     }
     // The file goes with the reason, as with the words: it tells the host
@@ -124,7 +124,7 @@ void webChannel::setError(int code) {
     }
     ScopedLock lock(m_errorLock);
     atomicStore(m_errorCode, code);
-    m_errorMessage = code == 0 ? std::string() : code == kUntrusted ? notedReason(code) + "\n" : errorText(code, {});
+    m_errorMessage = code == 0 ? std::string() : errorText(code, std::string());
     m_errorMessageWhole = false;
 }
 
@@ -140,7 +140,7 @@ void webChannel::storeOpenFailure(int code) {
     }
     ScopedLock lock(m_errorLock);
     atomicStore(m_errorCode, code);
-    m_errorMessage = notedReason(code) + "\n";
+    m_errorMessage = errorText(code, std::string());
     m_errorMessageWhole = false;
 }
 
@@ -165,8 +165,9 @@ void webChannel::clearError() {
 std::string webChannel::errorText(int code, const std::string& file) {
     // In words, with the file a batch failure concerns. The text ends with a
     // line feed because getErrorCode drops the last character of a message
-    // shorter than the host's buffer: that way only the line feed goes.
-    std::string text = resultText(code);
+    // shorter than the host's buffer: that way only the line feed goes. An
+    // untrusted server is named with the verification's own words.
+    std::string text = code == kUntrusted ? notedReason(code) : std::string(resultText(code));
     if (!file.empty()) text += ": " + file;
     return text + "\n";
 }

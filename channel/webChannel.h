@@ -338,6 +338,8 @@ public:
     void initBatch();
     // Known sizes: shares of about total / m_threadNum bytes, large files cut.
     void planShares(std::vector<httpGetJob>& work, long long total);
+    // One record per worker, each with its share counted afresh.
+    void prepareRecords();
     // With the file-order parameter: large files in small pieces, dealt in
     // file order to the least-loaded worker.
     void planFileOrder(std::vector<httpGetJob>& work, long long total);
@@ -360,6 +362,9 @@ public:
     int downloadJob(threadData* record, unsigned int j);
     // The size the job list gives for the file of `url`; 0 when unknown.
     long long listedSize(const std::string& url) const;
+    // Takes the pieces of `url` out of the thread records (`logged`: with
+    // removeJob's line for each).
+    void dropPieces(const std::string& url, bool logged);
     // Back to "not planned": the next batch fetches the file of `url` afresh.
     void forgetFile(const std::string& url);
     // The size of the file at `url` from the head of a GET, or -1 (noted as

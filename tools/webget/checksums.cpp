@@ -5,9 +5,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <map>
-#include <sstream>
 
 #include "checksum_file.h"
 #include "webget.h"
@@ -58,15 +56,6 @@ struct JobIndex {
     }
 };
 
-bool readFile(const std::string& path, std::string& text) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    text = buffer.str();
-    return !in.bad();
-}
-
 }  // namespace
 
 int applyChecksumFiles(const Options& options, std::vector<Job>& jobs) {
@@ -77,7 +66,7 @@ int applyChecksumFiles(const Options& options, std::vector<Job>& jobs) {
     for (size_t i = 0; i < jobs.size(); ++i) source[i] = jobs[i].origin;
     for (const std::string& path : options.checksumFiles) {
         std::string text, why;
-        if (!readFile(path, text)) {
+        if (!readWholeFile(path, text)) {
             complain("cannot read the checksum file %s: %s", path.c_str(), strerror(errno));
             return kExitUsage;
         }

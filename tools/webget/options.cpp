@@ -199,14 +199,6 @@ void printHelp(FILE* out) {
             "  130  interrupted by Ctrl-C or SIGTERM\n");
 }
 
-bool readWholeFile(const std::string& path, std::string& content) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    content = buffer.str();
-    return !in.bad();
-}
 
 // Reports a usage error; the exit status for it.
 int usage(const char* format, const std::string& what) {
@@ -357,6 +349,15 @@ int checkModes(const Options& options) {
 }
 
 }  // namespace
+
+bool readWholeFile(const std::string& path, std::string& content) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    std::ostringstream buffer;
+    buffer << in.rdbuf();
+    content = buffer.str();
+    return !in.bad();
+}
 
 bool parseInt(const std::string& text, long long low, long long high, long long& value) {
     if (text.empty()) return false;

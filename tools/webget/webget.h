@@ -101,6 +101,8 @@ struct Options {
 // usage error, which it has reported).
 int parseCommandLine(int argc, char** argv, Options& options);
 bool parseInt(const std::string& text, long long low, long long high, long long& value);
+// The whole content of the file at `path`; false when it cannot be read.
+bool readWholeFile(const std::string& path, std::string& content);
 
 // ---- library.cpp: loading the library, the channel's set-up ----
 struct Library {
