@@ -52,6 +52,12 @@ enum : int {
     kParamContinue = 3022,        // presence, per job: continue what an earlier run left on disk
     kParamErrorDetail = 3023,     // presence: getErrorCode gives what failed and why, in a whole message
     kParamFileOrder = 3024,       // presence: files larger than a share are fetched in small pieces, in file order
+    kParamAdaptive = 3025,        // presence: idle workers take work from busy ones; a slow connection's tail is
+                                  // fetched by a faster one
+    kParamIdleCap = 3026,         // idle keep-alive connections a worker keeps (a count); the least recently used
+                                  // one beyond it is closed
+    kParamStrictRedirects = 3027, // presence: credentials and cookies stay with their origin across redirects;
+                                  // with 3021, a redirect from https to http is refused
 };
 
 inline const char* resultText(int code) {
