@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 
 #include "batch/digest_stream.h"
@@ -16,7 +18,20 @@
 #include "util/strings.h"
 
 webChannel::httpGetJob::httpGetJob()
-    : size(0), start(0), end(0), downloaded(0), part(0), observer(nullptr), cursor(0), chunkedEnd(false) {}
+    : size(0),
+      start(0),
+      end(0),
+      downloaded(0),
+      part(0),
+      observer(nullptr),
+      cursor(0),
+      chunkedEnd(false),
+      bound(LLONG_MAX),
+      share(nullptr),
+      claimed(0),
+      listed(SIZE_MAX),
+      accountedDone(0),
+      accountedSize(0) {}
 
 webChannel::httpGetJob::httpGetJob(const std::string& url_) : httpGetJob() {
     url = url_;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "batch/resume_record.h"
+#include "batch/work_share.h"
 #include "channel/atomics.h"
 #include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
@@ -19,7 +20,14 @@ int webChannel::httpMultiGet(bool finalize) {
     prepareTargets();
     initBatch();
     indexBatch();
+    // The adaptive mode lets idle workers take work from busy ones; sizes
+    // unknown, files are only moved whole.
+    if (hasParam(kParamAdaptive)) m_share = std::make_unique<WorkShare>(*this, m_batch);
     int result = runWorkers();
+    if (m_share != nullptr) {
+        m_share->settle(m_batch);
+        m_share.reset();
+    }
     flushResumeRecords();
     if (result != kOk) return result;
 
@@ -101,7 +109,8 @@ int webChannel::runWorkers() {
         SigpipeIgnore sigpipe;
         for (threadData* record : m_batch) atomicStore(record->error, 0);
         for (threadData* record : m_batch) {
-            if (record->jobs.empty()) continue;
+            // In the adaptive mode a worker without work of its own takes some.
+            if (record->jobs.empty() && m_share == nullptr) continue;
             pthread_t thread;
             if (pthread_create(&thread, nullptr, executeHttpGet, record) != 0) {
                 // Workers already running use the channel: they are waited
@@ -123,6 +132,10 @@ void* webChannel::executeHttpGet(void* argument) {
     if (logging())
         log("VRAXSecureWebChannel::executeHttpGet: thread %d started with %d urls", record->index,
             (int)record->jobs.size());
+    if (channel->m_share != nullptr) {
+        channel->runShared(record);
+        return nullptr;
+    }
     for (unsigned j = 0; j < record->jobs.size(); ++j) {
         // A failed job ends this worker's work for the batch.
         if (channel->executeJob(record, j) != kOk) break;
@@ -130,29 +143,67 @@ void* webChannel::executeHttpGet(void* argument) {
     return nullptr;
 }
 
+void webChannel::runShared(threadData* record) {
+    WorkShare& share = *m_share;
+    const int self = record->index;
+    for (httpGetJob* job; (job = share.next(self)) != nullptr;) {
+        int result = executePiece(record, *job, pieceNumber(record, job));
+        // Pieces written from the same whole-file answer: verified when they
+        // are complete, queued again when the answer ended before them.
+        std::vector<httpGetJob*> again;
+        for (httpGetJob* piece : share.takeFolded(self)) {
+            if (atomicLoad(piece->downloaded) < atomicLoad(piece->size)) {
+                again.push_back(piece);
+                continue;
+            }
+            const int verified = checksumPiece(record, *piece, pieceNumber(record, piece));
+            if (verified != kOk) checksumErrPiece(record, *piece, pieceNumber(record, piece));
+            if (result == kOk) result = verified;
+        }
+        share.requeue(self, again);
+        share.ended(self, result != kOk);
+        // A failed job ends this worker's work for the batch.
+        if (result != kOk) break;
+    }
+}
+
+int webChannel::pieceNumber(const threadData* record, const httpGetJob* job) {
+    // Pieces taken from other workers, or made by a cut, have no number in
+    // this worker's list.
+    if (record->jobs.empty() || job < record->jobs.data() || job >= record->jobs.data() + record->jobs.size())
+        return -1;
+    return (int)(job - record->jobs.data());
+}
+
 int webChannel::executeJob(threadData* record, unsigned int j) {
+    return executePiece(record, record->jobs[j], (int)j);
+}
+
+int webChannel::executePiece(threadData* record, httpGetJob& job, int number) {
     // A piece finished in an earlier batch was counted against its file
     // then; counting it again would verify the file before its last piece
     // arrived, and mark it verified when that piece came in unchecked.
-    const httpGetJob& job = record->jobs[j];
     const bool finishedBefore = atomicLoad(job.downloaded) == atomicLoad(job.size) && job.size >= 1;
-    int result = downloadJob(record, j);
+    int result = downloadPiece(record, job, number);
     if (result != kOk || finishedBefore) return result;
-    result = checksumJob(record, j);
-    if (result != kOk) checksumErrJob(record, j);
+    result = checksumPiece(record, job, number);
+    if (result != kOk) checksumErrPiece(record, job, number);
     return result;
 }
 
 int webChannel::downloadJob(threadData* record, unsigned int j) {
-    httpGetJob& job = record->jobs[j];
+    return downloadPiece(record, record->jobs[j], (int)j);
+}
+
+int webChannel::downloadPiece(threadData* record, httpGetJob& job, int number) {
     if (logging())
-        log("VRAXSecureWebChannel::downloadJob: thread %d, job %d started with %lld/%lld", record->index, (int)j,
+        log("VRAXSecureWebChannel::downloadJob: thread %d, job %d started with %lld/%lld", record->index, number,
             atomicLoad(job.downloaded), atomicLoad(job.size));
     // Finished in an earlier batch.
     if (atomicLoad(job.downloaded) == atomicLoad(job.size) && job.size >= 1) return kOk;
     int result = fetch(job.url, job.file, &job, record);
     if (logging())
-        log("VRAXSecureWebChannel::downloadJob: thread %d, job %d finished with result %d", record->index, (int)j,
+        log("VRAXSecureWebChannel::downloadJob: thread %d, job %d finished with result %d", record->index, number,
             result);
     if (result != kOk) {
         atomicStore(record->error, result);

@@ -14,9 +14,11 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <algorithm>
 #include <optional>
 
 #include "batch/resume_record.h"
+#include "batch/work_share.h"
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
 #include "http/response.h"
@@ -103,6 +105,14 @@ struct Attempt {
     int thread;          // the worker's number, 0 outside a batch
     const char* target;  // the file's name, for the log
     bool ranged = false;
+    // The range asked for ends here (a cut may have moved the piece's end
+    // since), and the answer's range at `rangeLast` (206 answers).
+    long long requestedEnd = -1;
+    long long rangeLast = -1;
+    WorkShare::Clock::time_point sent;
+    // Other pieces of the file this whole-file answer also feeds (the
+    // adaptive mode folds them into the first worker to meet such an answer).
+    std::vector<httpGetJob*> folded;
     // The head, once read: the first block of the response sits in `buffer`.
     char* buffer = nullptr;
     int received = 0;
@@ -135,6 +145,11 @@ struct Body {
     long long offset = 0;    // bytes carried at the start of the buffer (chunked)
     long long lastReport = 0;
     int lastRead = 0;
+    // A whole-file answer feeding folded pieces: the file offset of the next
+    // body byte, the piece it goes to next, and the bytes they all still want.
+    long long fileAt = 0;
+    size_t target = 0;
+    long long folded = 0;
     int dumped = kOk;
     bool resetSeen = false;
     bool closedByPeer = false;
@@ -214,10 +229,11 @@ std::string requestText(Attempt& a, const std::string& host, const std::string& 
     std::string requestTarget =
         relative ? path : std::string(a.conn->https ? "https://" : "http://") + host + ":" + port + path;
     webChannel::httpRequest request("GET", a.conn->host + ":" + a.conn->port, requestTarget, nullptr, params);
-    a.ranged = a.job != nullptr && a.job->end > 0;
+    a.requestedEnd = a.job != nullptr ? atomicLoad(a.job->end) : -1;
+    a.ranged = a.job != nullptr && a.requestedEnd > 0;
     if (a.ranged) {
         char range[kRangeTextBuffer];
-        snprintf(range, sizeof(range), "bytes=%lld-%lld", a.job->start, a.job->end);
+        snprintf(range, sizeof(range), "bytes=%lld-%lld", a.job->start, a.requestedEnd);
         request.headers["Range"] = range;
     }
     return request.str();
@@ -227,6 +243,7 @@ std::string requestText(Attempt& a, const std::string& host, const std::string& 
 // fails here: that costs an attempt and a fresh connection.
 Stop sendRequest(Attempt& a, ConnectionLease& lease, const std::string& text) {
     if (webChannel::logging()) webChannel::log("SENT\n%s\n", text.c_str());
+    a.sent = WorkShare::Clock::now();
     int sent = a.channel.writeAll(a.conn, text);
     if (sent == 0 || (sent == -1 && webChannel::isDropped())) {
         if (webChannel::logging()) webChannel::log("SENT\n%d : %d\n", sent, atomicLoad(a.channel.m_errorCode));
@@ -322,9 +339,28 @@ void startOverIfContinued(Attempt& a) {
             "starting the file over",
             a.thread, a.target, a.job->start, a.job->end);
     a.job->start = 0;
-    a.job->end = resume->size() - 1;
+    atomicStore(a.job->end, resume->size() - 1);
     atomicStore(a.job->size, resume->size());
     atomicStore(a.job->downloaded, 0LL);
+}
+
+// In the adaptive mode the first answer that ignores a range fetches the
+// file whole: the pieces of the file not yet claimed by other workers are
+// written from this answer too, instead of each asking again and reading the
+// file's beginning once more. A file continued from an earlier run may start
+// over instead; it is only kept whole, from then on not cut.
+void fetchWhole(Attempt& a, Body& body) {
+    if (WorkShare* share = a.job->share) {
+        const bool continued = a.channel.resumeRecord(a.job->url) != nullptr;
+        a.folded = share->wholeFile(a.thread, *a.job, !continued);
+        for (httpGetJob* piece : a.folded) {
+            piece->cursor = piece->start;
+            piece->bound = LLONG_MAX;
+            piece->chunkedEnd = false;
+            body.folded += atomicLoad(piece->end) + 1 - piece->start;
+        }
+    }
+    startOverIfContinued(a);
 }
 
 // Works out the framing and where the body lands. A ranged request answered
@@ -335,14 +371,16 @@ Stop planBody(Attempt& a, Body& body) {
     if (a.head.contentLengthSeen && a.head.contentLength < 0) return kBadStatus;
     body.chunked = a.mode == kChunked;
     const bool wholeFile = a.ranged && a.code == 200;
-    if (wholeFile) startOverIfContinued(a);
+    if (wholeFile) fetchWhole(a, body);
     body.skip = wholeFile ? a.job->start : 0;
     if (wholeFile && body.chunked && body.skip > 0) return kBadStatus;
     body.untilClose = !body.chunked && !a.head.contentLengthSeen && a.code != 204 && a.code != 304;
     body.wire = body.chunked || body.untilClose ? LLONG_MAX : a.head.contentLength;
     if (!body.chunked) {
         body.remaining = body.wire == LLONG_MAX ? LLONG_MAX : body.wire - body.skip;
-        if (a.ranged && body.remaining > a.job->end - a.job->start + 1) body.remaining = a.job->end - a.job->start + 1;
+        const long long asked = (wholeFile ? atomicLoad(a.job->end) : a.requestedEnd) - a.job->start + 1;
+        if (a.ranged && body.remaining > asked) body.remaining = asked;
+        if (!a.folded.empty()) body.remaining = LLONG_MAX;  // the folded pieces end it (deliverToPieces)
         if (body.remaining < 0) body.remaining = 0;
     }
     return std::nullopt;
@@ -358,12 +396,15 @@ Stop checkRange(Attempt& a, ConnectionLease& lease) {
     long long first = -1, last = -1, total = -1;
     const long long listed = a.channel.listedSize(a.job->url);
     if (a.head.contentRangeSeen && parseContentRange(a.head.contentRange, first, last, total) &&
-        first == a.job->start && last <= a.job->end && (total < 0 || listed <= 0 || total == listed))
+        first == a.job->start && last <= a.requestedEnd && (total < 0 || listed <= 0 || total == listed)) {
+        a.rangeLast = last;
+        if (a.job->share != nullptr) a.job->share->rangesHonoured(*a.job);
         return std::nullopt;
+    }
     if (webChannel::logging())
         webChannel::log(
             "VRAXSecureWebChannel::httpGet(thread %d, file %s): content range '%.*s' is not bytes %lld-%lld", a.thread,
-            a.target, (int)a.head.contentRange.size(), a.head.contentRange.data(), a.job->start, a.job->end);
+            a.target, (int)a.head.contentRange.size(), a.head.contentRange.data(), a.job->start, a.requestedEnd);
     lease.drop();
     ++a.attempts;
     return kRepeat;
@@ -395,13 +436,71 @@ Stop openTarget(Attempt& a, Body& body, TargetFile& out) {
     body.sink = a.job != nullptr ? a.job : &body.scratch;
     body.sink->cursor = body.position;
     body.sink->chunkedEnd = false;
+    // A piece writes no further than the range it asked for, nor than a
+    // partial answer names: bytes past them are not this place's.
+    body.sink->bound = LLONG_MAX;
+    if (a.ranged) body.sink->bound = (a.rangeLast >= 0 ? std::min(a.rangeLast, a.requestedEnd) : a.requestedEnd) + 1;
+    if (a.ranged && a.code == 200) body.sink->bound = atomicLoad(a.job->end) + 1;  // after a start-over
     body.downloadedBefore = atomicLoad(body.sink->downloaded);
+    if (a.job != nullptr && a.job->share != nullptr) a.job->share->begin(a.thread, *a.job, a.sent);
+    if (!a.folded.empty()) {
+        a.folded.push_back(a.job);
+        std::sort(a.folded.begin(), a.folded.end(),
+                  [](const httpGetJob* x, const httpGetJob* y) { return x->start < y->start; });
+        body.folded += body.sink->bound - body.position;
+    }
     return std::nullopt;
+}
+
+// Whether the piece has written all it may: its bound, or an end that a cut
+// moved below it.
+bool reachedEnd(const httpGetJob* job) {
+    if (job == nullptr) return false;
+    const long long end = atomicLoad(job->end);
+    const long long limit = end < 0 ? job->bound : std::min(job->bound, end + 1);
+    return limit != LLONG_MAX && job->cursor >= limit;
+}
+
+// A whole-file answer feeding several pieces: each body byte goes to the
+// piece whose unwritten part holds its offset; bytes of no piece are passed
+// over (other workers write them, or wrote them before).
+int deliverToPieces(Attempt& a, Body& body, FILE* out, long long from, long long to) {
+    body.offset = 0;
+    long long length = std::min(to - from, body.wire);
+    body.wire -= length;
+    while (length > 0 && body.target < a.folded.size()) {
+        httpGetJob* piece = a.folded[body.target];
+        const long long first = piece->cursor, end = atomicLoad(piece->end) + 1;
+        const long long last = std::min(piece->bound, end);
+        if (first >= last) {
+            ++body.target;
+            continue;
+        }
+        if (body.fileAt + length <= first) break;
+        if (body.fileAt < first) {
+            from += first - body.fileAt;
+            length -= first - body.fileAt;
+            body.fileAt = first;
+        }
+        const long long count = std::min(length, last - body.fileAt);
+        if (fseeko(out, body.fileAt, SEEK_SET) != 0) return kFileWrite;
+        long long start = from, remaining = count;
+        const int dumped = a.channel.dump(out, a.buffer, from + count, start, remaining, 0, piece);
+        if (dumped != kOk) return dumped;
+        body.folded -= count;
+        from += count;
+        length -= count;
+        body.fileAt += count;
+    }
+    body.fileAt += length;
+    if (body.folded <= 0) body.remaining = 0;
+    return kOk;
 }
 
 // Hands the body bytes buffer[from, to) on: to the chunk decoder, or, for a
 // plain body, after the skip and within what is wanted.
 int deliverBytes(Attempt& a, Body& body, FILE* out, long long from, long long to) {
+    if (!a.folded.empty() && !body.chunked) return deliverToPieces(a, body, out, from, to);
     if (body.chunked) {
         long long start = from;
         int dumped = a.channel.dump(out, a.buffer, to, start, body.remaining, kChunked, body.sink);
@@ -422,16 +521,20 @@ int deliverBytes(Attempt& a, Body& body, FILE* out, long long from, long long to
     return a.channel.dump(out, a.buffer, from + length, start, body.remaining, 0, body.sink);
 }
 
-// Delivers, keeping the system's words when writing the target failed.
+// Delivers, keeping the system's words when writing the target failed. A
+// piece that wrote all it may is done, whatever else the answer holds.
 int deliver(Attempt& a, Body& body, FILE* out, long long from, long long to) {
     const int dumped = deliverBytes(a, body, out, from, to);
     if (dumped == kFileWrite) body.writeError = webChannel::systemText(errno);
+    if (dumped == kOk && a.folded.empty() && reachedEnd(a.job)) body.remaining = 0;
     return dumped;
 }
 
 void report(Attempt& a, Body& body) {
     if (atomicLoad(a.channel.m_handler) == nullptr) return;
-    a.channel.accountProgress(a.record, a.job);
+    for (httpGetJob* piece : a.folded)
+        if (piece != a.job) a.channel.accountProgress(piece);
+    a.channel.accountProgress(a.job);
     long long done = a.job != nullptr ? atomicLoad(a.job->downloaded) : body.writtenHere();
     long long all = a.job != nullptr ? atomicLoad(a.job->size) : a.contentLength;
     body.lastReport = a.channel.handleProgress(body.lastReport, done, all, a.record != nullptr ? a.record->index : -1);
@@ -470,7 +573,10 @@ int complete(Attempt& a, Body& body, ConnectionLease& lease, long long written) 
         webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): downloaded %lld bytes from offset %lld",
                         a.thread, a.target, written, body.position);
     const bool drained = body.chunked ? body.sink->chunkedEnd : !body.untilClose && body.wire == 0;
-    lease.keepIf(drained && a.conn->hangupEvents == 0);
+    // A connection that crawls far behind the other workers' is not kept:
+    // the next request goes out on a fresh one.
+    const bool lagging = a.job != nullptr && a.job->share != nullptr && a.job->share->lagging(a.thread);
+    lease.keepIf(drained && a.conn->hangupEvents == 0 && !lagging);
     // The host asked to stop on the report of a piece that was already
     // complete: the piece stands, but its worker takes no further job and
     // the batch ends as cancelled.
@@ -479,6 +585,19 @@ int complete(Attempt& a, Body& body, ConnectionLease& lease, long long written) 
         a.channel.recordFailure(kCancelled, a.file);
     }
     return kOk;
+}
+
+// A partial answer that named less than the range asked for (or sent less
+// than it named) was written where it belongs; the rest of the piece is asked
+// for again. Only an answer that brought nothing costs an attempt.
+int partOfTheRange(Attempt& a, Body& body, ConnectionLease& lease, long long written) {
+    if (webChannel::logging())
+        webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): the answer ended at byte %lld of %lld",
+                        a.thread, a.target, a.job->start, atomicLoad(a.job->end));
+    const bool drained = body.chunked ? body.sink->chunkedEnd : !body.untilClose && body.wire == 0;
+    lease.keepIf(drained && a.conn->hangupEvents == 0);
+    if (written == 0) ++a.attempts;
+    return kRepeat;
 }
 
 // The piece stopped short: whether to repeat, and whether that costs an
@@ -551,7 +670,14 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
     }
     const long long written = body.writtenHere();
     if (job != nullptr) job->start += written;
-    if (body.dumped == kOk && body.remaining == 0) return complete(a, body, lease, written);
+    for (httpGetJob* piece : a.folded)
+        if (piece != job) piece->start = piece->cursor;
+    // With folded pieces, this one is done once its own bytes are in: the
+    // worker queues again those the answer ended before.
+    if (body.dumped == kOk && (body.remaining == 0 || (!a.folded.empty() && reachedEnd(job)))) {
+        if (a.ranged && job->start <= atomicLoad(job->end)) return partOfTheRange(a, body, lease, written);
+        return complete(a, body, lease, written);
+    }
     return incomplete(a, body, lease, written);
 }
 

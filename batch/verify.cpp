@@ -44,7 +44,10 @@ long long webChannel::filesize(std::string file) {
 }
 
 int webChannel::checksumJob(threadData* record, unsigned int j) {
-    httpGetJob& job = record->jobs[j];
+    return checksumPiece(record, record->jobs[j], (int)j);
+}
+
+int webChannel::checksumPiece(threadData* record, httpGetJob& job, int j) {
     auto counter = m_downloaded.find(job.url);
     if (counter == m_downloaded.end()) return kOk;
     // Several workers may finish pieces of one file at the same moment;
@@ -59,14 +62,18 @@ int webChannel::checksumJob(threadData* record, unsigned int j) {
         // The size compared is this job's: for a file cut into pieces, the
         // size of the piece that finished last. A file that continued an
         // earlier run is held to its whole size: its pieces are only what
-        // was missing.
+        // was missing; so is one cut by file order or the adaptive mode,
+        // whose pieces are many and change hands.
         long long length = filesize(job.file);
-        const long long expected = resume != nullptr ? resume->size() : job.size;
+        const long long listed = listedSize(job.url);
+        long long expected = resume != nullptr ? resume->size() : job.size;
+        if (resume == nullptr && listed > 0 && (hasParam(kParamFileOrder) || hasParam(kParamAdaptive)))
+            expected = listed;
         if (expected > 0 && expected != length) {
             if (logging())
                 log("VRAXSecureWebChannel::checksumJob: thread %d, job %d, expected size for file %s is %d, actual "
                     "is %d",
-                    record->index, (int)j, job.file.c_str(), (int)expected, (int)length);
+                    record->index, j, job.file.c_str(), (int)expected, (int)length);
             return kChecksumMismatch;
         }
     } else {
@@ -78,24 +85,27 @@ int webChannel::checksumJob(threadData* record, unsigned int j) {
             filesize(job.file);
             if (logging())
                 log("VRAXSecureWebChannel::checksumJob: thread %d, job %d, expected checksum for file %s is %s",
-                    record->index, (int)j, job.file.c_str(), job.checksum.c_str());
+                    record->index, j, job.file.c_str(), job.checksum.c_str());
             return kChecksumMismatch;
         }
     }
     // Complete and verified: getNextDownloadedFile may hand it out now.
     if (resume != nullptr) resume->finish();
-    settleProgress(record, &job);
+    settleProgress(&job);
     atomicStore(counter->second, kUrlVerified);
     noteVerified(job.url);
     return kOk;
 }
 
 int webChannel::checksumErrJob(threadData* record, unsigned int j) {
-    httpGetJob& job = record->jobs[j];
+    return checksumErrPiece(record, record->jobs[j], (int)j);
+}
+
+int webChannel::checksumErrPiece(threadData* record, httpGetJob& job, int j) {
     // "registing" is spelled as hosts' log filters match it.
     if (logging())
         log("VRAXSecureWebChannel::checksumErrJob: thread %d, job %d, registing checksum mismatch for file %s",
-            record->index, (int)j, job.file.c_str());
+            record->index, j, job.file.c_str());
     long long length = filesize(job.file);
     if (ResumeRecord* resume = resumeRecord(job.url)) resume->discard();
     atomicStore(record->error, (int)kChecksumMismatch);

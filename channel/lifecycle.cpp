@@ -8,6 +8,7 @@
 
 #include "batch/digest_stream.h"
 #include "batch/resume_record.h"
+#include "batch/work_share.h"
 #include "channel/atomics.h"
 #include "channel/globals.h"
 #include "channel/scoped_lock.h"

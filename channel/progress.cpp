@@ -99,19 +99,17 @@ void webChannel::tallyProgress() {
         size += m_httpGetJobs[i].size;
     }
     for (threadData* record : m_batch) {
-        record->positions.clear();
-        record->accounted.clear();
-        for (const httpGetJob& job : record->jobs) {
+        for (httpGetJob& job : record->jobs) {
             long position = jobPosition(job.url);
-            record->positions.push_back(position < 0 ? SIZE_MAX : (size_t)position);
-            std::pair<long long, long long> piece(atomicLoad(job.downloaded), atomicLoad(job.size));
-            if (urlCounter(job.url) < 0) piece = {0, 0};  // finished: not pending
-            record->accounted.push_back(piece);
-            done += piece.first;
-            size += piece.second;
+            job.listed = position < 0 ? SIZE_MAX : (size_t)position;
+            job.accountedDone = atomicLoad(job.downloaded);
+            job.accountedSize = atomicLoad(job.size);
+            if (urlCounter(job.url) < 0) job.accountedDone = job.accountedSize = 0;  // finished: not pending
+            done += job.accountedDone;
+            size += job.accountedSize;
             if (position >= 0) {
-                m_progressTallies[(size_t)position].first += piece.first;
-                m_progressTallies[(size_t)position].second += piece.second;
+                m_progressTallies[(size_t)position].first += job.accountedDone;
+                m_progressTallies[(size_t)position].second += job.accountedSize;
             }
         }
     }
@@ -120,16 +118,14 @@ void webChannel::tallyProgress() {
     atomicStore(m_progressFinished, finished);
 }
 
-size_t webChannel::accountProgress(threadData* record, const httpGetJob* job) {
-    if (record == nullptr || job == nullptr || record->accounted.size() != record->jobs.size()) return SIZE_MAX;
-    const size_t j = (size_t)(job - record->jobs.data());
-    if (j >= record->jobs.size()) return SIZE_MAX;
-    const size_t position = record->positions[j];
-    std::pair<long long, long long>& seen = record->accounted[j];
-    const long long done = atomicLoad(job->downloaded) - seen.first, size = atomicLoad(job->size) - seen.second;
+size_t webChannel::accountProgress(httpGetJob* job) {
+    if (job == nullptr) return SIZE_MAX;
+    const size_t position = job->listed;
+    const long long done = atomicLoad(job->downloaded) - job->accountedDone,
+                    size = atomicLoad(job->size) - job->accountedSize;
     if (done == 0 && size == 0) return position;
-    seen.first += done;
-    seen.second += size;
+    job->accountedDone += done;
+    job->accountedSize += size;
     atomicAdd(m_progressDone, done);
     atomicAdd(m_progressSize, size);
     if (position < m_progressTallies.size()) {
@@ -139,8 +135,8 @@ size_t webChannel::accountProgress(threadData* record, const httpGetJob* job) {
     return position;
 }
 
-void webChannel::settleProgress(threadData* record, const httpGetJob* job) {
-    const size_t position = accountProgress(record, job);
+void webChannel::settleProgress(httpGetJob* job) {
+    const size_t position = accountProgress(job);
     if (position >= m_progressTallies.size()) return;
     // Every piece of the file is done and accounted: its pieces leave the
     // pending sums, and the file joins the finished ones with its listed size.

@@ -27,6 +27,7 @@ struct ResponseHead;
 class BodyObserver;
 class DigestStream;
 class ResumeRecord;
+class WorkShare;
 
 using namespace wc;
 
@@ -121,6 +122,20 @@ public:
         BodyObserver* observer;
         long long cursor;
         bool chunkedEnd;
+        // While a transfer runs: the first file offset this attempt may not
+        // write (the end of the range the answer names; LLONG_MAX for none).
+        long long bound;
+        // In an adaptive batch: the share that lets other workers take the
+        // far part of this piece, and the offset up to which its runner has
+        // claimed bytes for writing (under the share's lock). Null otherwise.
+        WorkShare* share;
+        long long claimed;
+        // The batch's progress bookkeeping, touched only by the worker that
+        // runs the piece: its file's place in the job list (SIZE_MAX: none),
+        // and the bytes written and the size already in the running totals.
+        size_t listed;
+        long long accountedDone;
+        long long accountedSize;
     };
 
     // ---- batch/: one worker thread of a batch (jobs.cpp) ----
@@ -139,11 +154,6 @@ public:
         // While a batch runs: the state counter of each job's URL, in the
         // order of `jobs`, for progress reports without map searches.
         std::vector<const long*> counters;
-        // While a batch runs: each job's position in m_httpGetJobs, and the
-        // bytes written and the size of each job already in the running
-        // progress totals.
-        std::vector<size_t> positions;
-        std::vector<std::pair<long long, long long>> accounted;
     };
 
     webChannel();
@@ -242,8 +252,8 @@ public:
     // the pending bytes to the finished files.
     void tallyProgress();
     // Returns the job's position in the list (SIZE_MAX when it has none).
-    size_t accountProgress(threadData* record, const httpGetJob* job);
-    void settleProgress(threadData* record, const httpGetJob* job);
+    size_t accountProgress(httpGetJob* job);
+    void settleProgress(httpGetJob* job);
 
     // ---- transport/: URL parsing and host-address cache (url.cpp, address_cache.cpp) ----
     bool parseURL(std::string url, unsigned long* address, std::string& host, std::string& port, std::string& path,
@@ -360,6 +370,14 @@ public:
     static void* executeHttpGet(void* record);
     int executeJob(threadData* record, unsigned int j);
     int downloadJob(threadData* record, unsigned int j);
+    // The same for any piece the worker runs (`number`: its place in the
+    // worker's list, -1 for one taken from another worker).
+    int executePiece(threadData* record, httpGetJob& job, int number);
+    int downloadPiece(threadData* record, httpGetJob& job, int number);
+    static int pieceNumber(const threadData* record, const httpGetJob* job);
+    // A worker of an adaptive batch: its own pieces, then work taken from
+    // the others (work_share.h).
+    void runShared(threadData* record);
     // The size the job list gives for the file of `url`; 0 when unknown.
     long long listedSize(const std::string& url) const;
     // Takes the pieces of `url` out of the thread records (`logged`: with
@@ -395,6 +413,7 @@ public:
     static void logChecksum(const std::string& file, const std::string& text);
     long long filesize(std::string file);
     int checksumJob(threadData* record, unsigned int j);
+    int checksumPiece(threadData* record, httpGetJob& job, int j);
     // The digest of a finished file: from its stream when it has one (reading
     // only what was not streamed), else from the file.
     std::string fileDigest(const httpGetJob& job);
@@ -411,6 +430,7 @@ public:
     // After the workers: every control record brought up to date.
     void flushResumeRecords();
     int checksumErrJob(threadData* record, unsigned int j);
+    int checksumErrPiece(threadData* record, httpGetJob& job, int j);
 
     // ---- members, in declaration order ----
     SSL_CTX* m_sslContext;
@@ -472,6 +492,8 @@ public:
     long long m_progressSize;
     int m_progressFinished;
     std::vector<std::pair<long long, long long>> m_progressTallies;
+    // While an adaptive batch runs: who fetches which bytes.
+    std::unique_ptr<WorkShare> m_share;
     pthread_mutex_t m_trustLock;  // loading the trust store into m_sslContext
     bool m_trustLoaded;           // through atomics.h: read before the lock
     // Trust anchors named by parameter 3021, by path, under m_trustLock;

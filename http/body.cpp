@@ -1,10 +1,12 @@
 // Writing the body bytes of one read into the target file, plain or chunked.
 #include "http/body.h"
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
 
 #include "channel/atomics.h"
+#include "batch/work_share.h"
 #include "channel/webChannel.h"
 
 namespace {
@@ -104,6 +106,15 @@ private:
     const long long& m_bytes;
 };
 
+// How many of `count` bytes, about to be written at the job's cursor, the job
+// may write: never past the end of what its answer names, nor (in an adaptive
+// batch) past a part another worker took. The rest is dropped unwritten.
+long long admitted(webChannel::httpGetJob* job, long long count) {
+    if (job == nullptr || count <= 0) return count;
+    if (job->share != nullptr) return job->share->claim(*job, count);
+    return std::max(0LL, std::min(count, job->bound - job->cursor));
+}
+
 // Tells the job's observer of bytes just written at the job's cursor.
 void observe(webChannel::httpGetJob* job, FILE* file, const char* data, size_t size) {
     if (job == nullptr || size == 0) return;
@@ -145,6 +156,7 @@ struct ChunkedDump {
         return write(from, runEnd - from);
     }
     bool write(long long from, long long count) {
+        count = admitted(job, count);
         size_t done = count > 0 ? fwrite_unlocked(buf + from, 1, (size_t)count, file) : 0;
         observe(job, file, buf + from, done);
         written += (long long)done;
@@ -171,7 +183,7 @@ struct ChunkedDump {
 int dumpPlain(FILE* file, char* buf, long long len, long long& offset, long long& remaining,
               webChannel::httpGetJob* job) {
     if (len <= 0) return kOk;
-    long long count = len - offset;
+    long long count = admitted(job, len - offset);
     // The target belongs to one worker: no stdio locking is needed.
     size_t written = count > 0 ? fwrite_unlocked(buf + offset, 1, (size_t)count, file) : 0;
     observe(job, file, buf + offset, written);

@@ -220,10 +220,9 @@ TEST_F(Progress, RunningTotalsMatchTheRecount) {
     webChannel::httpGetJob &a = channel.m_batch[0]->jobs[0], &b0 = channel.m_batch[0]->jobs[1];
     webChannel::httpGetJob &b1 = channel.m_batch[1]->jobs[0], &c = channel.m_batch[1]->jobs[1];
     a.downloaded = 1000, b0.downloaded = 1 << 20, b1.downloaded = 2 << 20, c.size = c.downloaded = 4096;
-    for (auto [worker, job] : {std::make_pair(0, &a), {0, &b0}, {1, &b1}, {1, &c}})
-        channel.accountProgress(channel.m_batch[worker], job);
+    for (webChannel::httpGetJob* job : {&a, &b0, &b1, &c}) channel.accountProgress(job);
     EXPECT_TRUE(matches());
-    channel.settleProgress(channel.m_batch[1], &b1);  // the last piece of b verifies the file
+    channel.settleProgress(&b1);  // the last piece of b verifies the file
     channel.m_downloaded["b"] = kUrlVerified;
     EXPECT_TRUE(matches());
     EXPECT_EQ(reports[0], Report(2, 1000 + 4096, 1000 + (3 << 20) + 4096 + 7, -1));
