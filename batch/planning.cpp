@@ -113,10 +113,18 @@ void webChannel::planFileOrder(std::vector<httpGetJob>& work, long long total) {
     // the last byte lands. Smaller files stay whole.
     const long long share = total / m_threadNum;
     prepareRecords();
+    auto deal = [this](const httpGetJob& piece) {
+        threadData* record = *std::min_element(m_batch.begin(), m_batch.end(), threadData::compare);
+        record->jobs.push_back(piece);
+        record->size += piece.size;
+        m_downloaded[piece.url] += 1;
+    };
     for (const httpGetJob& job : work) {
         long long piece = job.size;
         if (share > 0 && job.size > share)
             piece = std::min(kOrderedPieceMax, std::max(kOrderedPieceMin, job.size / (m_threadNum * 8)));
+        // An empty file is one piece all the same: its one request makes it.
+        if (job.size <= 0) deal(job);
         int part = job.part;
         for (long long at = 0; at < job.size; at += piece) {
             httpGetJob cut = job;
@@ -125,10 +133,7 @@ void webChannel::planFileOrder(std::vector<httpGetJob>& work, long long total) {
             cut.end = cut.start + cut.size - 1;
             cut.part = part++;
             cut.downloaded = 0;
-            threadData* record = *std::min_element(m_batch.begin(), m_batch.end(), threadData::compare);
-            record->jobs.push_back(cut);
-            record->size += cut.size;
-            m_downloaded[cut.url] += 1;
+            deal(cut);
         }
     }
 }

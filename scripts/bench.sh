@@ -21,9 +21,7 @@
 # one file over connections); wget2 --max-threads=8, with --chunk-size of an
 # eighth of the big file on the big set. Each set runs once with digest
 # verification by the tool (webget with SHA-256 digests in its manifest,
-# aria2c with checksum=sha-256=... per entry) and once without. Without
-# digests webget gives every file whole to one worker (see README, "The
-# command-line host"), so the big file then travels over one connection.
+# aria2c with checksum=sha-256=... per entry) and once without.
 #
 # Per tool, set and protocol the table gives the median wall time of the
 # valid runs, MB/s (10^6 bytes), CPU seconds (user + sys of the tool's

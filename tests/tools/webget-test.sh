@@ -114,6 +114,18 @@ mkdir tmp && for want in "0 $http/m10.bin" "0 $https/m10.bin" "0 $py/m10.bin" "1
   [[ $status == "${want%% *}" && ($status != 0 || $sum == "$(digest m10.bin)  -") && -z $(ls tmp) ]] &&
     echo "ok   -O - ${want#* }" || fail "-O - ${want#* }: status $status"
 done
+# Size-only files are cut into ranges too: from the slow server (4 MB/s a connection) the file arrives through
+# several ranged requests; from http.server, which ignores ranges, through one request for the whole file.
+from=$(($(wc -l <"$SLOW_ACCESS_LOG") + 1))
+check "a size-only URL in ranges" 0 'all verified' -- -j 8 -d ranged "http://127.0.0.1:$SLOW_PORT/m10.bin" &&
+  same ranged/m10.bin "$WWW/m10.bin"
+ranged=$(tail -n +"$from" "$SLOW_ACCESS_LOG" | awk '$7 == "/m10.bin" && $9 == 206' | wc -l)
+((ranged >= 4)) || fail "a size-only URL: $ranged ranged requests"
+echo "$py/m10.bin whole/m10.bin $(stat -c %s "$WWW/m10.bin")" >whole.txt && from=$(($(wc -l <py.log) + 1))
+check "a size-only file from a server that ignores ranges" 0 'all verified' -- -j 8 -i whole.txt &&
+  same whole/m10.bin "$WWW/m10.bin"
+asked=$(tail -n +"$from" py.log | grep -c '"GET /m10.bin')
+((asked == 1)) || fail "a server that ignores ranges: asked $asked times"
 printf '%s\n' "$py/varied/v001.bin p/v1.bin 7920 $(digest varied/v001.bin)" "$py/m1.bin p/m1.bin" >py.txt
 check "batch from http.server" 0 'all verified' -- -i py.txt -d py && same py/p/m1.bin "$WWW/m1.bin"
 check "-o from http.server" 0 'saved' -- -o py.bin "$py/m1.bin" && same py.bin "$WWW/m1.bin"

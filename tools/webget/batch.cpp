@@ -185,16 +185,6 @@ int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<
     size_t considered = offerJobs(channel, options, wanted, jobs, state);
     state.handedOut.assign(jobs.size(), 0);
 
-    // The library verifies a file cut into byte ranges by its digest only:
-    // without one it compares the file with the size of the piece that
-    // finished last, which fails for every cut file. So a batch holding a
-    // job without digest gives each file whole to one worker (the planning
-    // of the unknown-size mode); the sizes probed above stay, and each file
-    // is checked against its full size.
-    bool anyWithoutDigest = false;
-    for (const Job& job : jobs) anyWithoutDigest = anyWithoutDigest || job.digest.empty();
-    if (anyWithoutDigest && !options.unknownSize) channel->setParam(wc::kParamUnknownSize, "1", true);
-
     LibraryError error = runJobs(channel, state);
     double seconds = std::chrono::duration<double>(Clock::now() - state.start).count();
     std::vector<int> failed;

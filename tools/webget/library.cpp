@@ -139,8 +139,11 @@ int configureChannel(VRAXSecureWebChannel* channel, const Options& options) {
     if (!options.timeout.empty()) channel->setParam(wc::kParamTimeout, options.timeout.c_str(), true);
     if (options.noCache) channel->setParam(wc::kParamNoCache, "1", true);
     // A large file is fetched in file order, so that its digest follows the
-    // bytes as they come instead of running over most of the file at the end.
+    // bytes as they come instead of running over most of the file at the end;
+    // idle workers take work from busy ones, so that a batch never waits for
+    // its slowest connection.
     channel->setParam(wc::kParamFileOrder, "", true);
+    channel->setParam(wc::kParamAdaptive, "", true);
     // Every job added from now on continues its target.
     if (options.resume) channel->setParam(wc::kParamContinue, "1", true);
     if (options.cookieGiven) channel->setParam(wc::kParamCookie, options.cookie.c_str(), true);

@@ -64,8 +64,7 @@ const OptionDoc kOptions[] = {
     {"input", kOptInput, "FILE",
      "Batch from a manifest: one job a line, 'URL TARGET [SIZE [DIGEST [ALGORITHM]]]', whitespace-separated, "
      "'#' starts a comment. SIZE 0 or absent: the library asks the server. DIGEST '-' or absent: verify by "
-     "size only; such a batch then gives every file whole to one worker, as a file cut into pieces can only be "
-     "verified by its digest. ALGORITHM defaults from the digest's length (md5, sha1, sha256, sha512). Relative targets are "
+     "size only. ALGORITHM defaults from the digest's length (md5, sha1, sha256, sha512). Relative targets are "
      "taken under -d DIR when given. FILE '-' reads standard input."},
     {"directory", kOptDirectory, "DIR",
      "Directory for the batch targets (created when missing). With URLs on the command line each goes to "
