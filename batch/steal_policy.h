@@ -24,6 +24,11 @@ constexpr double kRateMinSeconds = 0.2;
 // A connection this many times slower than the best other one is replaced
 // once its piece ends (its next request goes out on a fresh connection).
 constexpr double kLagFactor = 8.0;
+// What a connection has in flight when its piece is cut: the owner keeps
+// this long a stretch at its rate (at least kInFlightMin) past the bytes it
+// claimed, so that what the server already sent is used, not thrown away.
+constexpr double kInFlightSeconds = 0.1;
+constexpr long long kInFlightMin = 64LL << 10;
 // The cost of a fresh request, in seconds, before one was measured.
 constexpr double kDefaultSetupSeconds = 0.05;
 
@@ -56,6 +61,12 @@ inline bool tailWorthTaking(long long part, double ownerRate, double takerRate, 
     const double owner = (double)part / ownerRate;
     const double taker = setupSeconds + (double)part / takerRate;
     return owner > kTailFactor * taker && owner - taker > kTailGainSeconds;
+}
+
+// Where a piece under way at `rate`, claimed up to `claimed`, may be cut at
+// the earliest.
+inline long long earliestCut(long long claimed, double rate) {
+    return claimed + std::max(kInFlightMin, (long long)(rate * kInFlightSeconds));
 }
 
 // Whether a connection measured at `rate` lags so far behind the best rate

@@ -110,9 +110,14 @@ WorkShare::httpGetJob* WorkShare::next(int w) {
     Worker& self = m_workers[(size_t)w];
     for (;;) {
         if (m_channel.isCancelled() || self.stopped) return nullptr;
-        if (httpGetJob* job = popStartable(self)) return job;
         const Clock::time_point now = Clock::now();
-        if (takeFor(w, now) || takeTail(w, now)) {
+        // The tail of a piece on a crawling connection is taken first,
+        // whatever is queued here: it would end last, and hold back its
+        // file's digest all along; its owner, cut, goes on over a new one.
+        takeTail(w, now);
+        if (httpGetJob* job = popStartable(self)) return job;
+        // Work queued here waits only for a first answer on its file.
+        if (self.queue.empty() && takeFor(w, now)) {
             if (httpGetJob* job = popStartable(self)) return job;
         }
         // Nothing to take now. With nothing under way, and no queue left but
@@ -276,9 +281,9 @@ bool WorkShare::takeFor(int thief, Clock::time_point now) {
     if (owner.queue.empty() && got < want && owner.current != nullptr && cuttable(*owner.current)) {
         httpGetJob& job = *owner.current;
         const long long part = std::min(want - got, tailOf(job));
-        const long long origin = atomicLoad(job.end) - atomicLoad(job.size) + 1;
-        const long long at = std::max({atomicLoad(job.end) + 1 - part, job.claimed, origin + 1});
-        if (part >= steal::kMinPiece && at <= atomicLoad(job.end)) taken.push_back(cut(job, at, thief));
+        const long long at = std::max(atomicLoad(job.end) + 1 - part, steal::earliestCut(job.claimed, rateOf(owner, now)));
+        if (part >= steal::kMinPiece && atomicLoad(job.end) + 1 - at >= steal::kMinPiece)
+            taken.push_back(cut(job, at, thief));
     }
     if (taken.empty()) return false;
     give(thief, std::move(taken));
@@ -297,17 +302,19 @@ bool WorkShare::takeTail(int thief, Clock::time_point now) {
         if ((int)v == thief || owner.current == nullptr || !cuttable(*owner.current)) continue;
         const double ownerRate = rateOf(owner, now);
         const double takerRate = self.rate > 0 ? self.rate : bestRate((int)v, now);
-        const long long tail = tailOf(*owner.current);
+        const long long tail = atomicLoad(owner.current->end) + 1 - steal::earliestCut(owner.current->claimed, ownerRate);
         if (!steal::tailWorthTaking(tail, ownerRate, takerRate, setup)) continue;
         const double finish = (double)tail / ownerRate;
         if (finish > latest) latest = finish, victim = (int)v;
     }
     if (victim < 0) return false;
     httpGetJob& job = *m_workers[(size_t)victim].current;
-    const long long origin = atomicLoad(job.end) - atomicLoad(job.size) + 1;
-    const long long at = std::max(job.claimed, origin + 1);
-    if (at > atomicLoad(job.end)) return false;
-    give(thief, {cut(job, at, thief)});
+    const long long at = steal::earliestCut(job.claimed, rateOf(m_workers[(size_t)victim], now));
+    if (atomicLoad(job.end) + 1 - at < steal::kMinTail) return false;
+    Worker& taker = m_workers[(size_t)thief];
+    httpGetJob* tail = cut(job, at, thief);
+    taker.queue.push_front(tail);
+    taker.queued += weightOf(*tail);
     return true;
 }
 

@@ -2,7 +2,8 @@
 // manifest of "URL NAME SIZE DIGEST ALGORITHM" lines into a directory, with
 // eight workers and no progress callback, and exits 0 when every file was
 // verified. scripts/bench.sh runs it beside webget to show what the
-// command-line host adds.
+// command-line host adds; scripts/bench-uneven.sh runs it with and without
+// the adaptive mode.
 //
 //   build/bench/batch_host MANIFEST DIR
 #include <cstdio>
@@ -25,8 +26,11 @@ int main(int argc, char** argv) {
     }
     VRAXSecureWebChannel* channel = VRAXSecureWebChannelCreate();
     if (channel->init(8) != 0) return 2;
-    // As webget does: large files in file order, so that digests follow.
+    // As webget does: large files in file order, so that digests follow;
+    // BATCH_HOST_SHARES keeps the default plan, BATCH_HOST_ADAPTIVE adds the
+    // adaptive mode.
     if (std::getenv("BATCH_HOST_SHARES") == nullptr) channel->setParam(3024, "", true);
+    if (std::getenv("BATCH_HOST_ADAPTIVE") != nullptr) channel->setParam(3025, "", true);
     int jobs = 0;
     for (std::string line; std::getline(manifest, line);) {
         std::istringstream fields(line);

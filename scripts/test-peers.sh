@@ -357,14 +357,16 @@ start_nginx() {
   # Uploads of any size go to /post (the 1 MiB default would answer 413); a
   # redirect and a Basic-auth area over the same files; and a slow server for
   # runs that must be caught part-way: 4 MB/s a connection, with a send
-  # buffer small enough that each request is held to the rate from its start.
+  # buffer small enough that each request is held to the rate from its start,
+  # logging the range each request asked for.
   nginx_config "$nd" "$www" "$cert" "$key" 1 info "$nd/access.log" \
     "  types { text/plain txt; application/octet-stream bin; }
   client_max_body_size 0;
+  log_format ranged '\$remote_addr - - [\$time_local] \"\$request\" \$status \$body_bytes_sent \"\$http_range\"';
   server {
     listen 127.0.0.1:$SLOW_PORT sndbuf=64k;
     root $www;
-    access_log $nd/slow-access.log;
+    access_log $nd/slow-access.log ranged;
     limit_rate 4m;
   }
 $(tls_servers)" \
