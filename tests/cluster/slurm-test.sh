@@ -27,8 +27,9 @@ served() { awk -v from="$1" 'NR == FNR {want["/slow/" $1]; next} FNR >= from && 
   "$2" "$ACCESS_LOG"; }
 
 # The accounts and the log against manifest.txt. Modes: "array DATA LOG" (the whole array), "kept DATA" (what the
-# cancelled share, listed in share.txt, has on disk: its verified files whole, the recorded ranges of the others),
-# "rerun DATA K LOG KEPT FULL" (task K run again for that share).
+# cancelled share, listed in share.txt, has on disk: its verified files whole, the recorded ranges of the others;
+# prints all of it, the recorded part, and the files recorded whole), "rerun DATA K LOG KEPT FULL" (task K run
+# again for that share).
 check() {
   python3 - "$WWW" "$@" <<'EOF'
 import collections, filecmp, json, sys
@@ -62,9 +63,10 @@ if mode == "array":
     assert all(map(same, listed)), "a file differs from its source"
     assert served(sys.argv[4]) == listed, "not every file was fetched exactly once"
 elif mode == "kept":
-    kept = [recorded(t) if recorded(t) is not None else listed[t] if same(t) else 0 for t in share]
+    partial = [recorded(t) for t in share if recorded(t) is not None]
+    whole = [listed[t] for t in share if recorded(t) is None and same(t)]
     # A file whose record names every byte is verified after its last byte is fetched again.
-    print(sum(kept), sum(1 for t in share if recorded(t) == listed[t]))
+    print(sum(partial) + sum(whole), sum(partial), sum(1 for t in share if recorded(t) == listed[t]))
 elif mode == "rerun":
     again, log, kept, full = account(sys.argv[4]), sys.argv[5], int(sys.argv[6]), int(sys.argv[7])
     assert targets(again["jobs"]) == share and again["totals"]["failures"] == 0, "the share is not complete"
@@ -107,8 +109,9 @@ wait "$waiter" && fail "the array did not notice the cancelled task"
 # sbatch --wait returns when the task is marked cancelled; its webget records what it has on exit.
 until_true eval '[[ -z $(squeue -h) ]]' || fail "the cancelled task did not end"
 settled
-kept=0 full=0 && read -r kept full < <(check kept slow)
-((kept > 0 && kept < share_bytes)) || fail "share $k was not cancelled part-way: $kept of $share_bytes bytes kept"
+kept=0 partial=0 full=0 && read -r kept partial full < <(check kept slow)
+((partial > 0 && kept < share_bytes)) ||
+  fail "share $k was not cancelled part-way: $kept of $share_bytes bytes kept, $partial in unfinished files"
 find slow/files -type f ! -name '*.resume' -printf '%P %i %s %T@\n' | sort | grep -vwFf share.txt >others.before
 
 # Run index k again as docs/cluster.md says: it continues the share, and nothing else moves.
@@ -116,7 +119,7 @@ from=$(($(lines) + 1))
 SHARES=4 sbatch --wait --array=$k "$recipe" >rerun.out 2>&1 || fail "the rerun failed: $(tail -5 rerun.out)"
 settled && tail -n +"$from" "$ACCESS_LOG" >rerun.log
 if result=$(check rerun slow "$k" rerun.log "$kept" "$full"); then
-  echo "ok   task $k cancelled and run again: $result"
+  echo "ok   task $k cancelled and run again: $result ($partial kept in unfinished files)"
 else fail "task $k run again"; fi
 find slow/files -type f ! -name '*.resume' -printf '%P %i %s %T@\n' | sort | grep -vwFf share.txt >others.after
 cmp -s others.before others.after && [[ $(wc -l <others.after) == $((300 - $(wc -l <share.txt))) ]] ||
