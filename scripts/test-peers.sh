@@ -277,19 +277,13 @@ make_data() {
 
   # 300 files of varied sizes for share plans, cut from one stream:
   # varied/v000.bin .. v299.bin, file i holding 1 + (i * 7919) % 40000 bytes.
-  local varied="$www/varied" i total=0
+  local varied="$www/varied"
   n=0
   [[ -d $varied ]] && n=$(find "$varied" -maxdepth 1 -name 'v???.bin' | wc -l)
   if [[ $n -ne 300 ]] || ! size_is "$varied/v299.bin" $((1 + 299 * 7919 % 40000)); then
     rm -rf "$varied" "$varied.tmp"
     mkdir -p "$varied.tmp"
-    for ((i = 0; i < 300; i++)); do total=$((total + 1 + i * 7919 % 40000)); done
-    prng "$total" 8 >"$varied.tmp/stream"
-    # head -c reads no more than it writes, so each file takes the next bytes.
-    for ((i = 0; i < 300; i++)); do
-      head -c $((1 + i * 7919 % 40000)) >"$(printf '%s/v%03d.bin' "$varied.tmp" "$i")"
-    done <"$varied.tmp/stream"
-    rm -f "$varied.tmp/stream"
+    prng_varied 300 40000 8 "$varied.tmp"
     mv "$varied.tmp" "$varied"
   fi
 }

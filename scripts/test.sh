@@ -10,7 +10,7 @@
 #
 # In a build tree, `ctest -L unit` runs the pure tests alone (no peers, no
 # network), `-L peers` those against real and scripted servers, `-L stress`
-# the long concurrency run.
+# the long concurrency run, `-L cluster` the Slurm and Kubernetes recipes.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
@@ -46,8 +46,9 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
 # The packaging check builds a plain host against the installed library,
-# which an instrumented library cannot serve; the normal run covers it.
-run_suite build-asan "AddressSanitizer + UndefinedBehaviorSanitizer" -DWEBCHANNEL_SANITIZE=address -- -E '^packaging\.'
+# which an instrumented library cannot serve; the normal run covers it. The
+# cluster tests run webget's batches as the peers tests do, only slower.
+run_suite build-asan "AddressSanitizer + UndefinedBehaviorSanitizer" -DWEBCHANNEL_SANITIZE=address -- -E '^(packaging|cluster)\.'
 
 # The threaded code: batches, the stress run, the channel core, and the
 # transport that the workers share (address cache, proxy answers, pools, TLS).

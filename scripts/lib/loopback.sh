@@ -18,6 +18,17 @@ prng_files() { # <count> <bytes> <iv-number> <digits> <prefix>
   prng $(($1 * $2)) "$3" | split -b "$2" -a "$4" -d --additional-suffix=.bin - "$5"
 }
 
+# <count> files of varied sizes cut from one stream: <dir>/v000.bin ..., file i
+# holding 1 + (i * 7919) % <modulus> bytes.
+prng_varied() { # <count> <modulus> <iv-number> <dir>
+  local i total=0
+  for ((i = 0; i < $1; i++)); do total=$((total + 1 + i * 7919 % $2)); done
+  # head -c reads no more than it writes, so each file takes the next bytes.
+  prng "$total" "$3" | for ((i = 0; i < $1; i++)); do
+    head -c $((1 + i * 7919 % $2)) >"$(printf '%s/v%03d.bin' "$4" "$i")"
+  done
+}
+
 # Makes a self-signed RSA-2048 certificate for CN=localhost and the given
 # subjectAltName, unless a pair valid for at least another day is there.
 # openssl's messages go to <log>; fails when openssl does.
@@ -136,16 +147,25 @@ first_bytes() { # <url>: the first 16 bytes in hex, proxies and certificate igno
   curl -q -s -k --noproxy '*' --max-time 2 -r 0-15 "$1" | od -An -tx1 | tr -d ' \n'
 }
 
+# True while <pid> runs: a zombie has ended and only waits for its parent,
+# which for a server started by another process is init, in its own time.
+running() { # <pid>
+  local stat
+  stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
+  stat=${stat##*) }
+  [[ ${stat%% *} != Z ]]
+}
+
 # TERM to <pid>, up to 10 s for it to end, then KILL to its process group
 # (the server ran in its own session; a worker left behind by a hard exit
 # is still in that group).
 stop_pid() { # <pid>
   local pid=$1 i
   [[ -n $pid ]] || return 0
-  if kill -0 "$pid" 2>/dev/null; then
+  if running "$pid"; then
     kill -TERM "$pid" 2>/dev/null || true
     for ((i = 0; i < 100; i++)); do
-      kill -0 "$pid" 2>/dev/null || break
+      running "$pid" || break
       sleep 0.1
     done
   fi
