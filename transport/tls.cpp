@@ -1,5 +1,6 @@
 // TLS: library start, OpenSSL's locking callbacks, the client context with
 // its certificate store, verification logging and the handshake.
+#include <arpa/inet.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -84,8 +85,14 @@ int webChannel::initSSLVerifyCallback(int preverifyOk, X509_STORE_CTX* store) {
 
 namespace {
 
-bool isIpLiteral(const std::string& host) {
-    return !host.empty() && host.find_first_not_of("0123456789.") == std::string::npos;
+// The host as the resolver reads it when it names an IPv4 address, in any of
+// the spellings it accepts (127.0.0.1, 127.1, 2130706433, 0x7f.0.0.1), in
+// dotted-quad form; empty for a name.
+std::string addressSpelling(const std::string& host) {
+    in_addr address;
+    if (host.empty() || inet_aton(host.c_str(), &address) == 0) return std::string();
+    char text[INET_ADDRSTRLEN];
+    return inet_ntop(AF_INET, &address, text, sizeof text) != nullptr ? text : std::string();
 }
 
 // A store of the trust anchors at `path`: a PEM bundle, or a directory of
@@ -159,12 +166,18 @@ bool webChannel::requireTrust(connection* conn) {
     }
     if (!path.empty()) SSL_set1_verify_cert_store(conn->ssl, store);
     SSL_set_verify(conn->ssl, SSL_VERIFY_PEER, initSSLVerifyCallback);
-    if (isIpLiteral(conn->host)) {
-        // An address is matched with the certificate's IP addresses, never
-        // with its DNS names.
-        X509_VERIFY_PARAM* param = SSL_get0_param(conn->ssl);
-        X509_VERIFY_PARAM_set1_host(param, nullptr, 0);
-        X509_VERIFY_PARAM_set1_ip_asc(param, conn->host.c_str());
+    // An address is matched with the certificate's IP addresses, as the
+    // resolver reads it, never with its DNS names; a name with its DNS names.
+    // A check that cannot be set up fails closed: the server goes unchecked
+    // for no one.
+    X509_VERIFY_PARAM* param = SSL_get0_param(conn->ssl);
+    const std::string address = addressSpelling(conn->host);
+    const bool checked = address.empty() ? X509_VERIFY_PARAM_set1_host(param, conn->host.c_str(), 0) == 1
+                                         : X509_VERIFY_PARAM_set1_host(param, nullptr, 0) == 1 &&
+                                               X509_VERIFY_PARAM_set1_ip_asc(param, address.c_str()) == 1;
+    if (!checked) {
+        noteFailure(kUntrusted, conn->host + ":" + conn->port + ": the host cannot be checked against a certificate");
+        return false;
     }
     return true;
 }
@@ -181,7 +194,7 @@ int webChannel::connectSSL(connection* conn) {
     SSL_set_fd(conn->ssl, conn->socket);
     X509_VERIFY_PARAM_set1_host(SSL_get0_param(conn->ssl), conn->host.c_str(), 0);
     // Name-based servers need the host name to pick their certificate.
-    if (!isIpLiteral(conn->host)) SSL_set_tlsext_host_name(conn->ssl, conn->host.c_str());
+    if (addressSpelling(conn->host).empty()) SSL_set_tlsext_host_name(conn->ssl, conn->host.c_str());
     // Without parameter 3021 verification is reported, not enforced.
     if (conn->verifyPeer && !requireTrust(conn)) return kUntrusted;
 

@@ -86,6 +86,26 @@ TEST_F(ChannelTest, EachRequestIsJudgedUnderTheTrustSettingOfTheMoment) {
     EXPECT_EQ(loggedCount("cannot read the trust anchors in " + missing), 1);
 }
 
+// Under 3021 the host is checked as the resolver reads it: every spelling of 127.0.0.1 matches the certificate's
+// address and no other name; a name is matched with the certificate's names. No spelling goes unchecked.
+TEST_F(ChannelTest, EverySpellingOfAnAddressIsCheckedAndANameIsMatchedWithTheNames) {
+    const std::string file = tempDir() + "/got";
+    channel.setParam(kParamVerifyPeer, peers().trustCa.c_str(), true);
+    const std::tuple<const char*, const char*, const char*> cases[] = {
+        {"127.0.0.1", "good", ""},      {"127.1", "good", ""},
+        {"2130706433", "good", ""},     {"0x7f.0.0.1", "good", ""},
+        {"localhost", "good", ""},      {"127.1", "othername", "IP address mismatch"},
+        {"2130706433", "othername", "IP address mismatch"},  {"0x7f.0.0.1", "othername", "IP address mismatch"},
+        {"localhost", "othername", "hostname mismatch"},
+    };
+    for (const auto& [host, server, reason] : cases) {
+        const std::string at = std::string(host) + ":" + std::to_string(peers().tlsPorts.at(server));
+        const int result = channel.httpGet(("https://" + at + "/five.bin").c_str(), file.c_str());
+        EXPECT_EQ(reported(channel), *reason ? "-3034 " + at + ": " + reason : "0 ") << at;
+        EXPECT_EQ(result, *reason ? kUntrusted : kOk) << at;
+    }
+}
+
 // A read ends with what arrived, not waiting (time-out 20 s) for the rest of a record the TLS layer holds the start
 // of: the server sends head, body and a further record less its last 2 bytes, then waits for the client to go.
 TEST_F(ChannelTest, AReadEndsWithWhatArrivedBeforeAPartialRecord) {
