@@ -31,7 +31,8 @@ webChannel::httpGetJob::httpGetJob()
       claimed(0),
       listed(SIZE_MAX),
       accountedDone(0),
-      accountedSize(0) {}
+      accountedSize(0),
+      mismatches(0) {}
 
 webChannel::httpGetJob::httpGetJob(const std::string& url_) : httpGetJob() {
     url = url_;

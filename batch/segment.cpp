@@ -36,6 +36,9 @@ using Stop = std::optional<int>;
 // Pause before a counted repeat, so that a server that keeps dropping the
 // connection is not hammered.
 constexpr unsigned kRepeatPauseSeconds = 2;
+// Answers for another file, or another place, end a job once they came this
+// many times: a server that keeps them up will not give the file listed.
+constexpr int kMismatchesBeforeFailing = 2;
 // The Range value is rendered into a buffer of this size.
 constexpr size_t kRangeTextBuffer = 4096;
 
@@ -386,17 +389,43 @@ Stop planBody(Attempt& a, Body& body) {
     return std::nullopt;
 }
 
+// The job ends without a further attempt: the server's file is not the one
+// the job describes, whatever later attempts would bring.
+Stop mismatch(Attempt& a, const std::string& why) {
+    if (webChannel::logging())
+        webChannel::log("VRAXSecureWebChannel::httpGet(thread %d, file %s): %s", a.thread, a.target, why.c_str());
+    webChannel::noteFailure(kChecksumMismatch, why);
+    return kChecksumMismatch;
+}
+
+// An answer for a file of another size. Once may be a server changing its
+// file under way, so a fresh attempt asks again; twice ends the job.
+Stop anotherFile(Attempt& a, ConnectionLease& lease, long long size, long long listed) {
+    lease.drop();
+    if (++a.job->mismatches >= kMismatchesBeforeFailing)
+        return mismatch(a, "the server's file is " + std::to_string(size) + " bytes, the job lists " +
+                               std::to_string(listed));
+    ++a.attempts;
+    return kRepeat;
+}
+
 // A partial answer is written only where it says it belongs: its range must
 // start at the byte asked for, end within the piece, and be part of a file of
 // the listed size (when the listed size and the total are known). An answer
 // without a range, with one that does not parse, or for another place or
 // another file costs an attempt and none of its bytes reach the target.
 Stop checkRange(Attempt& a, ConnectionLease& lease) {
-    if (!a.ranged || a.code != 206) return std::nullopt;
+    if (!a.ranged || (a.code != 206 && a.code != 200)) return std::nullopt;
     long long first = -1, last = -1, total = -1;
     const long long listed = a.channel.listedSize(a.job->url);
-    if (a.head.contentRangeSeen && parseContentRange(a.head.contentRange, first, last, total) &&
-        first == a.job->start && last <= a.requestedEnd && (total < 0 || listed <= 0 || total == listed)) {
+    if (a.code == 200) {
+        // The whole file instead of a range: it must be the file listed.
+        if (!a.head.contentLengthSeen || listed <= 0 || a.head.contentLength == listed) return std::nullopt;
+        return anotherFile(a, lease, a.head.contentLength, listed);
+    }
+    const bool parsed = a.head.contentRangeSeen && parseContentRange(a.head.contentRange, first, last, total);
+    const bool here = parsed && first == a.job->start && last <= a.requestedEnd;
+    if (here && (total < 0 || listed <= 0 || total == listed)) {
         a.rangeLast = last;
         if (a.job->share != nullptr) a.job->share->rangesHonoured(*a.job);
         return std::nullopt;
@@ -405,6 +434,15 @@ Stop checkRange(Attempt& a, ConnectionLease& lease) {
         webChannel::log(
             "VRAXSecureWebChannel::httpGet(thread %d, file %s): content range '%.*s' is not bytes %lld-%lld", a.thread,
             a.target, (int)a.head.contentRange.size(), a.head.contentRange.data(), a.job->start, a.requestedEnd);
+    if (here) return anotherFile(a, lease, total, listed);
+    // Another place, asked for once more on a fresh connection; the same
+    // answer again means the server will not give this one.
+    if (parsed && ++a.job->mismatches >= kMismatchesBeforeFailing) {
+        lease.drop();
+        return mismatch(a, "the server answers bytes " + std::to_string(first) + "-" + std::to_string(last) +
+                               " when asked for " + std::to_string(a.job->start) + "-" +
+                               std::to_string(a.requestedEnd));
+    }
     lease.drop();
     ++a.attempts;
     return kRepeat;
@@ -659,8 +697,8 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
     if (file.empty()) return kOk;
 
     Body body;
-    if (Stop stop = planBody(a, body)) return *stop;
     if (Stop stop = checkRange(a, lease)) return *stop;
+    if (Stop stop = planBody(a, body)) return *stop;
     TargetFile out;
     if (Stop stop = openTarget(a, body, out)) return *stop;
     streamBody(a, body, out.get());

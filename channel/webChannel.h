@@ -136,6 +136,9 @@ public:
         size_t listed;
         long long accountedDone;
         long long accountedSize;
+        // Answers for another file or another place this piece met (its
+        // runner's): the second ends it.
+        int mismatches;
     };
 
     // ---- batch/: one worker thread of a batch (jobs.cpp) ----

@@ -26,6 +26,7 @@ protected:
             c.send(path == "/five"      ? httpResponse(200, "hello")
                    : path == "/garbage" ? "garbage\r\n\r\n"
                    : path == "/chunked" ? "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"
+                   : path == "/other"   ? httpResponse(206, "hello", "Content-Range: bytes 0-4/1048589")
                                         : httpResponse(404, ""));
         }
     }};
@@ -105,6 +106,21 @@ TEST_F(ErrorDetail, ABatchKeepsTheReasonOfItsFirstFailure) {
         EXPECT_EQ(std::string(guard, sizeof(guard)), "gggg" + text.substr(0, 7) + '\0' + "gggg");
         channel.close();
     }
+}
+
+// A server whose file is not the one listed (another size) ends the job after one fresh attempt, saying why.
+TEST_F(ErrorDetail, AnotherFileOnTheServerEndsTheJobAfterTwoAnswersSayingWhy) {
+    webChannel channel;
+    init(channel, 1, true);
+    ASSERT_EQ(channel.addJob(server.url("/other").c_str(), (dir + "/other").c_str(), 2097152, nullptr, nullptr), 0);
+    EXPECT_EQ(channel.httpMultiGet(true), 1);
+    int code = 0;
+    EXPECT_EQ(errorText(channel, code), "the server's file is 1048589 bytes, the job lists 2097152: " + dir + "/other");
+    EXPECT_EQ(code, kChecksumMismatch);
+    size_t asked = 0;
+    for (const std::string& request : server.requests()) asked += requestPath(request) == "/other";
+    EXPECT_EQ(asked, 2u);
+    channel.close();
 }
 
 }  // namespace
