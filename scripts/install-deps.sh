@@ -9,6 +9,7 @@ set -euo pipefail
 # Package -> reason, kept together so the list doubles as documentation.
 packages=(
   g++               # compiler
+  gcc               # C compiler: the C interface's example and test
   make
   cmake
   pkg-config
