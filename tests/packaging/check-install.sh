@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the library into a temporary prefix, builds examples/host.cpp against it with
 # find_package(webchannel) and with pkg-config and the C host examples/batch.c with pkg-config
-# alone, runs them, and checks that the installed webget loads the installed library.
-# Usage: check-install.sh [build-dir]  (default: build)
+# alone, runs them, and checks that the installed webget and the Python package (from the
+# source tree) load the installed library. Usage: check-install.sh [build-dir]  (default: build)
 set -Eeuo pipefail
 src=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd -P)
 build=$(cd "${1:-$src/build}" && pwd -P)
@@ -50,6 +50,12 @@ status=0
 "$work/batch-c" http://127.0.0.1:1/f.bin "$work/f.bin" "$(printf '%064d' 0)" >"$work/out" 2>"$work/err" || status=$?
 ((status == 1)) && grep -q '^http://127.0.0.1:1/f.bin: error -3022: ' "$work/err" ||
   { cat "$work/out" "$work/err" >&2; die "the C host exited with $status"; }
+
+# The Python package finds the installed library by the loader's usual search.
+maps=$(env -u WEBCHANNEL_LIBRARY LD_LIBRARY_PATH="$libdir" PYTHONPATH="$src/python" PYTHONDONTWRITEBYTECODE=1 \
+  /usr/bin/python3 -c 'import webchannel; webchannel.Channel(1).close(); print(open("/proc/self/maps").read())') ||
+  die "the Python package cannot use the installed library"
+grep -qF "$(realpath "$real")" <<<"$maps" || die "the Python package did not load the installed library"
 
 # Port 1 of the loopback refuses at once: status 1 (transfer failed), not 3 (library not
 # loadable); the loader's trace names the file that was opened.
