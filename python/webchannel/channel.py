@@ -52,9 +52,10 @@ class Channel:
             result = channel.run()
 
     The library keeps one channel per process, so one Channel is open at a
-    time; one that is garbage-collected unclosed is released then. A Channel asks the library to say what failed and why (parameter
-    3023); a failure raises WebChannelError with the library's code and
-    message. Parameter ids are those of the README.
+    time (one collected unclosed is released then). A Channel asks the
+    library to say what failed and why (parameter 3023); a failure raises
+    WebChannelError with the library's code and message. Parameter ids are
+    those of the README.
     """
 
     _open: Optional["weakref.ReferenceType[Channel]"] = None
@@ -72,7 +73,7 @@ class Channel:
         if not handle:
             raise WebChannelError(_INVALID_ARGUMENT, "no channel could be made")
         self._handle = handle
-        self._release = weakref.finalize(self, _release, self._lib, handle)
+        self._finalizer = weakref.finalize(self, _release, self._lib, handle)
         Channel._open = weakref.ref(self)
         self._jobs: List[Job] = []  # in the library's order: its job indexes
         self._handed: Set[str] = set()  # URLs of the jobs handed out as verified
@@ -99,7 +100,7 @@ class Channel:
         if self._handle is None:
             return
         self._handle = None
-        self._release()
+        self._finalizer()
         Channel._open = None
 
     # ---- configuration ----
