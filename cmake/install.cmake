@@ -1,7 +1,12 @@
 # Installation of the library for hosts built elsewhere:
 #
 #   <prefix>/lib/libwebchannel.so.1.0.0, .so.1 (SONAME), .so (link name)
-#   <prefix>/include/webchannel/channel/  the channel's public headers
+#   <prefix>/include/webchannel/channel/  the channel's public headers: the C++
+#                                         interface VRAXSecureWebChannel.h and
+#                                         the C interface webchannel.h (kept in
+#                                         channel/c/ of the sources, where no
+#                                         name differs from webChannel.h by
+#                                         case alone)
 #   <prefix>/include/webchannel/util/     the utility library's headers (they
 #                                         reach ../channel/webchannel_export.h)
 #   <prefix>/lib/pkgconfig/webchannel.pc
@@ -10,7 +15,8 @@
 #
 # Hosts write #include "VRAXSecureWebChannel.h" (as inside the source tree,
 # where channel/ is on the include path) or "channel/VRAXSecureWebChannel.h"
-# and "util/webutil.h": both include directories are exported.
+# and "util/webutil.h": both include directories are exported. C hosts write
+# #include "webchannel.h".
 #
 # Every generated file is relocatable: it finds the prefix from its own
 # location, so `cmake --install build --prefix DIR` works for any DIR.
@@ -34,6 +40,7 @@ install(FILES
     ${PROJECT_SOURCE_DIR}/channel/VRAXSecureWebChannel.h
     ${PROJECT_SOURCE_DIR}/channel/webchannel_codes.h
     ${PROJECT_SOURCE_DIR}/channel/webchannel_export.h
+    ${PROJECT_SOURCE_DIR}/channel/c/webchannel.h
   DESTINATION ${WEBCHANNEL_INCLUDE_ROOT}/channel
   COMPONENT Development)
 install(FILES
@@ -58,8 +65,10 @@ file(WRITE ${config_file}
 "# CMake package of the web channel library.
 #   find_package(webchannel 1 REQUIRED)
 #   target_link_libraries(host PRIVATE webchannel::webchannel)
-# The library links OpenSSL and the thread library itself; hosts need
-# neither to build against it.
+# The target's include directories hold the C++ interface
+# (VRAXSecureWebChannel.h) and the C interface (webchannel.h). The library
+# links OpenSSL and the thread library itself; hosts need neither to build
+# against it.
 include(\"\${CMAKE_CURRENT_LIST_DIR}/webchannelTargets.cmake\")
 set(webchannel_LIBRARIES webchannel::webchannel)
 ")
@@ -78,12 +87,13 @@ file(RELATIVE_PATH pc_to_prefix
   ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" pc_to_prefix "${pc_to_prefix}")
 file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/package/webchannel.pc
-"prefix=\${pcfiledir}/${pc_to_prefix}
+"# Headers: VRAXSecureWebChannel.h (C++), webchannel.h (C), util/webutil.h.
+prefix=\${pcfiledir}/${pc_to_prefix}
 libdir=\${prefix}/${CMAKE_INSTALL_LIBDIR}
 includedir=\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}
 
 Name: webchannel
-Description: HTTP/1.1 and HTTPS transfer channel (single requests and parallel verified batches)
+Description: HTTP/1.1 and HTTPS transfer channel (single requests and parallel verified batches), C++ and C interfaces
 Version: ${PROJECT_VERSION}
 Libs: -L\${libdir} -lwebchannel
 Cflags: -I\${includedir}/webchannel/channel -I\${includedir}/webchannel

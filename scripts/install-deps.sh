@@ -9,6 +9,7 @@ set -euo pipefail
 # Package -> reason, kept together so the list doubles as documentation.
 packages=(
   g++               # compiler
+  gcc               # C compiler: the C interface's example and test
   make
   cmake
   pkg-config
@@ -21,6 +22,9 @@ packages=(
   tinyproxy         # second proxy peer with different quirks
   curl              # readiness checks of the peers in scripts/test-peers.sh
   python3           # webget tests: a second kind of server (http.server), JSON checks
+  python3-venv      # the Python package's tests install it into a virtual environment
+  python3-pip       # ... with pip (the system's, seen through --system-site-packages)
+  python3-pytest    # ... and run it with pytest (seen the same way)
   clang             # fuzz targets
   libclang-rt-14-dev  # libFuzzer and clang's sanitizer runtimes
   slurm-wlm         # the cluster test: a one-node scheduler (slurmctld, slurmd, sbatch)
