@@ -15,8 +15,9 @@ from .errors import WebChannelError
 _ALREADY_PRESENT = 3001
 _INVALID_ARGUMENT = -3000
 _CANCELLED = -3055
-_PARAM_UNKNOWN_SIZE = 3014
 _PARAM_ERROR_DETAIL = 3023
+_PARAM_FILE_ORDER = 3024
+_PARAM_ADAPTIVE = 3025
 
 PathLike = Union[str, "os.PathLike[str]"]
 ProgressCallback = Callable[[Progress], object]
@@ -53,9 +54,10 @@ class Channel:
 
     The library keeps one channel per process, so one Channel is open at a
     time (one collected unclosed is released then). A Channel asks the
-    library to say what failed and why (parameter 3023); a failure raises
-    WebChannelError with the library's code and message. Parameter ids are
-    those of the README.
+    library to say what failed and why (parameter 3023), to fetch large files
+    in file order (3024) and to let idle workers take work from busy ones
+    (3025), as webget does; a failure raises WebChannelError with the
+    library's code and message. Parameter ids are those of the README.
     """
 
     _open: Optional["weakref.ReferenceType[Channel]"] = None
@@ -82,7 +84,8 @@ class Channel:
             if log is not None:
                 self._lib.webchannel_set_log(handle, encode_path(log))
             self._check(self._lib.webchannel_init(handle, workers))
-            self.set_param(_PARAM_ERROR_DETAIL)
+            for param in (_PARAM_ERROR_DETAIL, _PARAM_FILE_ORDER, _PARAM_ADAPTIVE):
+                self.set_param(param)
         except BaseException:
             self.close()
             raise
@@ -262,20 +265,12 @@ class Channel:
                 return 1
             return 0
 
-        # The library verifies a file cut into byte ranges by its digest
-        # only, so a batch with a job without one gives each file whole to
-        # one worker (its unknown-size planning; the sizes known stay).
-        whole = any(job.sha256 is None for job in jobs) and self.get_param(_PARAM_UNKNOWN_SIZE) is None
-        if whole:
-            self.set_param(_PARAM_UNKNOWN_SIZE)
         callback = PROGRESS(relay)  # referenced until the batch has ended
         self._lib.webchannel_set_progress(handle, callback, None)
         try:
             pending = self._lib.webchannel_run_batch(handle, 1)
         finally:
             self._lib.webchannel_set_progress(handle, PROGRESS(), None)  # a null function: none
-            if whole:
-                self.set_param(_PARAM_UNKNOWN_SIZE, None)
         result = self._account(jobs, blamed)
         if raised:
             raise raised[0]
