@@ -17,8 +17,8 @@ ResumeRecord* webChannel::resumeRecord(const std::string& url) const {
 }
 
 long long webChannel::continueJob(const httpGetJob& job, std::vector<httpGetJob>& work) {
-    std::string why;
-    ResumeRecord::Ranges kept = ResumeRecord::onDisk(job.file, job.url, job.size, why);
+    std::string why, validator;
+    ResumeRecord::Ranges kept = ResumeRecord::onDisk(job.file, job.url, job.size, validator, why);
     // Nothing to trust: the file starts over from an empty target, as a new
     // job's does.
     if (kept.empty() && truncate(job.file.c_str(), 0) != 0 && errno != ENOENT && logging())
@@ -30,7 +30,7 @@ long long webChannel::continueJob(const httpGetJob& job, std::vector<httpGetJob>
 
     std::unique_ptr<ResumeRecord>& record = m_resumeRecords[job.url];
     record = std::make_unique<ResumeRecord>(job.file, job.url, job.size);
-    record->keep(kept);
+    record->keep(kept, kept.empty() ? std::string() : validator);
     long long onDisk = 0;
     for (const auto& range : kept) onDisk += range.second - range.first;
     if (logging())
@@ -50,6 +50,12 @@ long long webChannel::continueJob(const httpGetJob& job, std::vector<httpGetJob>
         missing += piece.size;
     }
     return missing;
+}
+
+std::unique_ptr<RecordKeeper> webChannel::keepResumeRecords() {
+    std::vector<ResumeRecord*> records;
+    for (auto& entry : m_resumeRecords) records.push_back(entry.second.get());
+    return std::make_unique<RecordKeeper>(std::move(records));
 }
 
 void webChannel::flushResumeRecords() {

@@ -23,7 +23,11 @@ int webChannel::httpMultiGet(bool finalize) {
     // The adaptive mode lets idle workers take work from busy ones; sizes
     // unknown, files are only moved whole.
     if (hasParam(kParamAdaptive)) m_share = std::make_unique<WorkShare>(*this, m_batch);
-    int result = runWorkers();
+    int result;
+    {
+        std::unique_ptr<RecordKeeper> keeper = keepResumeRecords();
+        result = runWorkers();
+    }
     if (m_share != nullptr) {
         m_share->settle(m_batch);
         m_share.reset();

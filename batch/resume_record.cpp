@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -15,17 +16,11 @@
 
 namespace {
 
-constexpr long long kSaveBytes = 4LL << 20;
-constexpr time_t kSaveSeconds = 1;
+// How often the keeper brings the records up to date, each after a sync.
+constexpr auto kKeepInterval = std::chrono::seconds(1);
 // A record names a few ranges; anything much larger is not one.
 constexpr long long kMaxRecordBytes = 1 << 20;
 constexpr char kMagic[] = "webchannel-resume 1";
-
-timespec now() {
-    timespec at{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &at);
-    return at;
-}
 
 bool readSmallFile(const std::string& path, std::string& text) {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -74,15 +69,18 @@ std::vector<std::pair<long long, long long>> missingRanges(const ResumeRecord::R
     return gaps;
 }
 
-std::string formatResumeRecord(const std::string& url, long long size, const ResumeRecord::Ranges& ranges) {
+std::string formatResumeRecord(const std::string& url, long long size, const ResumeRecord::Ranges& ranges,
+                               const std::string& validator) {
     std::string text = std::string(kMagic) + "\nurl " + url + "\nsize " + std::to_string(size) + "\n";
+    if (!validator.empty()) text += "validator " + validator + "\n";
     for (const auto& range : ranges)
         text += "range " + std::to_string(range.first) + " " + std::to_string(range.second) + "\n";
     // The count at the end tells a whole record from one cut short.
     return text + "end " + std::to_string(ranges.size()) + "\n";
 }
 
-bool parseResumeRecord(const std::string& text, const std::string& url, long long size, ResumeRecord::Ranges& ranges) {
+bool parseResumeRecord(const std::string& text, const std::string& url, long long size, ResumeRecord::Ranges& ranges,
+                       std::string* validator) {
     std::istringstream in(text);
     std::string line;
     if (!std::getline(in, line) || line != kMagic) return false;
@@ -90,7 +88,16 @@ bool parseResumeRecord(const std::string& text, const std::string& url, long lon
     if (!std::getline(in, line) || line != "size " + std::to_string(size)) return false;
     ranges.clear();
     long long last = -1;
+    bool first = true;
     while (std::getline(in, line)) {
+        // The validator, when the server gave one, comes before the ranges.
+        static const std::string kValidator = "validator ";
+        if (first && line.compare(0, kValidator.size(), kValidator) == 0) {
+            if (validator != nullptr) *validator = line.substr(kValidator.size());
+            first = false;
+            continue;
+        }
+        first = false;
         long long from = 0, to = 0;
         char tail = 0;
         size_t count = 0;
@@ -108,8 +115,15 @@ bool parseResumeRecord(const std::string& text, const std::string& url, long lon
 ResumeRecord::ResumeRecord(std::string target, std::string url, long long size)
     : m_target(std::move(target)), m_path(pathFor(m_target)), m_url(std::move(url)), m_size(size) {}
 
+bool withoutHoles(int fd, long long length) {
+    const off_t hole = lseek(fd, 0, SEEK_HOLE);
+    // A file system without hole reporting names the file's end, as for a
+    // file without holes.
+    return hole < 0 || hole >= length;
+}
+
 ResumeRecord::Ranges ResumeRecord::onDisk(const std::string& target, const std::string& url, long long size,
-                                          std::string& why) {
+                                          std::string& validator, std::string& why) {
     struct stat info;
     if (stat(target.c_str(), &info) != 0 || info.st_size == 0) {
         why = "nothing on disk";
@@ -121,8 +135,16 @@ ResumeRecord::Ranges ResumeRecord::onDisk(const std::string& target, const std::
     }
     std::string text;
     Ranges ranges;
-    if (readSmallFile(pathFor(target), text)) {
-        if (!parseResumeRecord(text, url, size, ranges)) {
+    struct stat record;
+    if (lstat(pathFor(target).c_str(), &record) == 0) {
+        // A record that is there but cannot be read whole, or is not one for
+        // this file, vouches for nothing; the bytes it might have named are
+        // not taken on the target's length either.
+        if (!readSmallFile(pathFor(target), text)) {
+            why = "the control record cannot be read";
+            return {};
+        }
+        if (!parseResumeRecord(text, url, size, ranges, &validator)) {
             why = "the control record is not one for this file";
             return {};
         }
@@ -140,15 +162,46 @@ ResumeRecord::Ranges ResumeRecord::onDisk(const std::string& target, const std::
         why = "no control record, and the target is as long as the file";
         return {};
     }
+    // Without a record only a plain prefix is trusted: a file whose pieces
+    // were written side by side has holes where pieces are missing.
+    int fd = ::open(target.c_str(), O_RDONLY | O_CLOEXEC);
+    const bool plain = fd >= 0 && withoutHoles(fd, info.st_size);
+    if (fd >= 0) ::close(fd);
+    if (!plain) {
+        why = "no control record, and the target has holes";
+        return {};
+    }
     why = "no control record: continuing at the target's length";
     return {{0, (long long)info.st_size}};
 }
 
-void ResumeRecord::keep(const Ranges& ranges) {
+void ResumeRecord::keep(const Ranges& ranges, const std::string& validator) {
+    std::lock_guard<std::mutex> saving(m_saving);
     std::lock_guard<std::mutex> lock(m_lock);
     m_kept = ranges;
     m_done = ranges;
-    save();
+    m_validator = validator;
+    m_unsaved = 0;
+    // What was kept is on disk since an earlier run: nothing to sync.
+    save(m_done, m_validator);
+}
+
+std::string ResumeRecord::validator() const {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_validator;
+}
+
+std::string ResumeRecord::continuedFrom() const {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_kept.empty() || m_startedOver ? std::string() : m_validator;
+}
+
+void ResumeRecord::noteValidator(const std::string& validator) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_validator.empty() && !validator.empty()) {
+        m_validator = validator;
+        ++m_unsaved;  // the next update writes it down
+    }
 }
 
 void ResumeRecord::add(long long from, long long to) {
@@ -173,51 +226,96 @@ void ResumeRecord::written(int fd, long long offset, const char* data, size_t si
     if (m_closed) return;
     add(offset, offset + (long long)size);
     m_unsaved += (long long)size;
-    if (m_unsaved >= kSaveBytes || now().tv_sec - m_saved.tv_sec >= kSaveSeconds) save();
 }
 
-void ResumeRecord::save() {
-    m_unsaved = 0;
-    m_saved = now();
+bool ResumeRecord::save(const Ranges& ranges, const std::string& validator) {
     const std::string temporary = m_path + ".new";
     int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    bool written = fd >= 0 && writeWhole(fd, formatResumeRecord(m_url, m_size, m_done));
+    bool written = fd >= 0 && writeWhole(fd, formatResumeRecord(m_url, m_size, ranges, validator));
     if (fd >= 0 && ::close(fd) != 0) written = false;
-    if (written && ::rename(temporary.c_str(), m_path.c_str()) == 0) return;
+    if (written && ::rename(temporary.c_str(), m_path.c_str()) == 0) return true;
     const int error = errno;
     if (fd >= 0) ::unlink(temporary.c_str());
-    if (m_saveFailed) return;
+    if (m_saveFailed) return false;
     m_saveFailed = true;
     if (webChannel::logging())
         webChannel::log("VRAXSecureWebChannel::httpMultiGet: cannot write the control record %s: %s", m_path.c_str(),
                         webChannel::systemText(error).c_str());
+    return false;
 }
 
-bool ResumeRecord::startOver() {
+bool ResumeRecord::startOver(const std::string& validator) {
+    std::lock_guard<std::mutex> saving(m_saving);
     std::lock_guard<std::mutex> lock(m_lock);
     if (m_startedOver || m_kept.empty() || m_closed) return false;
     m_startedOver = true;
     m_done.clear();
-    save();
+    m_validator = validator;
+    m_unsaved = 0;
+    save(m_done, m_validator);  // claims nothing: no sync needed
     return true;
 }
 
 void ResumeRecord::flush() {
-    std::lock_guard<std::mutex> lock(m_lock);
-    if (!m_closed && m_unsaved > 0) save();
+    // The bytes are synced before a record names them; the record is taken
+    // first, so that it names only bytes written before the sync.
+    std::lock_guard<std::mutex> saving(m_saving);
+    Ranges ranges;
+    std::string validator;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        if (m_closed || m_unsaved == 0) return;
+        ranges = m_done;
+        validator = m_validator;
+        m_unsaved = 0;
+    }
+    int fd = ::open(m_target.c_str(), O_RDONLY | O_CLOEXEC);
+    const bool synced = fd >= 0 && fdatasync(fd) == 0;
+    if (fd >= 0) ::close(fd);
+    if (!synced) {
+        std::lock_guard<std::mutex> lock(m_lock);
+        ++m_unsaved;  // the next update tries again
+        return;
+    }
+    save(ranges, validator);
 }
 
 void ResumeRecord::finish() {
+    std::lock_guard<std::mutex> saving(m_saving);
     std::lock_guard<std::mutex> lock(m_lock);
     m_closed = true;
     ::unlink(m_path.c_str());
 }
 
 void ResumeRecord::discard() {
+    std::lock_guard<std::mutex> saving(m_saving);
     std::lock_guard<std::mutex> lock(m_lock);
     m_closed = true;
     m_discarded = true;
     ::unlink(m_path.c_str());
+}
+
+RecordKeeper::RecordKeeper(std::vector<ResumeRecord*> records) : m_records(std::move(records)) {
+    if (m_records.empty()) return;
+    m_thread = std::thread([this] {
+        std::unique_lock<std::mutex> lock(m_lock);
+        for (bool last = false; !last;) {
+            last = m_wake.wait_for(lock, kKeepInterval, [this] { return m_stop; });
+            lock.unlock();
+            for (ResumeRecord* record : m_records) record->flush();
+            lock.lock();
+        }
+    });
+}
+
+RecordKeeper::~RecordKeeper() {
+    if (!m_thread.joinable()) return;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_stop = true;
+    }
+    m_wake.notify_all();
+    m_thread.join();
 }
 
 bool ResumeRecord::discarded() const {

@@ -1,21 +1,24 @@
 // The control record of a file that a later run may continue.
 //
 // While such a file is incomplete, a small text file beside the target
-// ("<target>.resume") says which byte ranges of the target are on disk. It
-// is replaced whole (written under another name, then renamed over the old
+// ("<target>.resume") says which byte ranges of the target are on disk, and
+// the validator (ETag or Last-Modified) of the server's file they came from.
+// It is replaced whole (written under another name, then renamed over the old
 // one), so a crash at any moment leaves either the old record or the new one,
-// never a torn one; it is not synced, so a crash of the machine may lose the
-// last updates, never claim bytes that are not there. Bytes reach the file
-// before the record names them. Updates come at most every 4 MiB of new bytes
-// or every second, whichever comes first, so a killed run loses at most that
-// much of each piece.
+// never a torn one. A record that names new bytes is written only after the
+// target's data was synced, so that even a crash of the machine never leaves
+// a record claiming bytes that are not on the disk. The syncs are batched: a
+// keeper thread brings every record up to date once a second while a batch
+// runs (keepRecords), so the workers never wait for the disk and a killed run
+// loses at most about a second of each file.
 #ifndef WEBCHANNEL_BATCH_RESUME_RECORD_H
 #define WEBCHANNEL_BATCH_RESUME_RECORD_H
 
-#include <ctime>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "http/body.h"
@@ -33,14 +36,18 @@ public:
     static std::string pathFor(const std::string& target) { return target + ".resume"; }
 
     // What an earlier run left of the file in `target`: the ranges its
-    // record names (within the target's length), or without a record the
-    // target's length when it is shorter than `size`. Empty, with the reason
-    // in `why`, when nothing can be trusted.
-    static Ranges onDisk(const std::string& target, const std::string& url, long long size, std::string& why);
+    // record names (within the target's length) with the record's validator,
+    // or without a record the target's length when it is shorter than `size`
+    // and has no holes (a file cut into pieces without a record has holes
+    // where pieces were missing). Empty, with the reason in `why`, when
+    // nothing can be trusted: a record that cannot be read, or is not one for
+    // this URL and size, makes the file start over.
+    static Ranges onDisk(const std::string& target, const std::string& url, long long size, std::string& validator,
+                         std::string& why);
 
     // Starts the record with what is on disk and writes it at once, so that
     // every byte the batch writes afterwards is covered by a record.
-    void keep(const Ranges& ranges);
+    void keep(const Ranges& ranges, const std::string& validator);
     const Ranges& kept() const { return m_kept; }
     long long size() const { return m_size; }
     // Where the bytes go on after the record has noted them (the digest).
@@ -48,11 +55,20 @@ public:
 
     void written(int fd, long long offset, const char* data, size_t size) override;
 
-    // The server sent the whole file where a range was asked for: the kept
-    // bytes are given up and the file is written again from its first byte.
-    // True once, and only when something had been kept.
-    bool startOver();
-    // Writes what the last update did not cover.
+    // The validator of the server's file the kept bytes came from; empty
+    // when none is known (the file is then continued by its size alone).
+    std::string validator() const;
+    // The first answer's validator, kept when none is known yet.
+    void noteValidator(const std::string& validator);
+    // The validator of the kept bytes while the file goes on from them (not
+    // started over); empty otherwise.
+    std::string continuedFrom() const;
+    // The server sent the whole file where a range was asked for (it does
+    // not honour ranges, or the file changed): the kept bytes are given up and
+    // the file is written again from its first byte, under the answer's
+    // validator. True once, and only when something had been kept.
+    bool startOver(const std::string& validator);
+    // Syncs the target and writes what the last update did not cover.
     void flush();
     // The file verified: the record is removed and no longer written.
     void finish();
@@ -63,7 +79,8 @@ public:
 
 private:
     void add(long long from, long long to);
-    void save();
+    // Writes `ranges` as the record (with the lock held or a snapshot).
+    bool save(const Ranges& ranges, const std::string& validator);
 
     const std::string m_target;
     const std::string m_path;
@@ -73,19 +90,44 @@ private:
     mutable std::mutex m_lock;
     Ranges m_kept;  // what the batch found on disk
     Ranges m_done;  // what is on disk now
+    std::string m_validator;
     long long m_unsaved = 0;
-    timespec m_saved{};
+    // Held across a whole save (snapshot, sync, write) and by finish and
+    // discard, so that a save in flight never brings back a removed record.
+    std::mutex m_saving;
     bool m_closed = false;
     bool m_discarded = false;
     bool m_startedOver = false;
     bool m_saveFailed = false;
 };
 
+// Brings the records up to date once a second, each after a sync of its
+// target, until destroyed (then once more), on a thread of its own.
+class RecordKeeper {
+public:
+    explicit RecordKeeper(std::vector<ResumeRecord*> records);
+    ~RecordKeeper();
+    RecordKeeper(const RecordKeeper&) = delete;
+    RecordKeeper& operator=(const RecordKeeper&) = delete;
+
+private:
+    std::vector<ResumeRecord*> m_records;
+    std::mutex m_lock;
+    std::condition_variable m_wake;
+    bool m_stop = false;
+    std::thread m_thread;
+};
+
 // The ranges of [0, size) that `kept` lacks, in order.
 std::vector<std::pair<long long, long long>> missingRanges(const ResumeRecord::Ranges& kept, long long size);
 // The record's text, and reading it back: false unless the text is a whole
 // record for this URL and size with ranges inside the file.
-std::string formatResumeRecord(const std::string& url, long long size, const ResumeRecord::Ranges& ranges);
-bool parseResumeRecord(const std::string& text, const std::string& url, long long size, ResumeRecord::Ranges& ranges);
+std::string formatResumeRecord(const std::string& url, long long size, const ResumeRecord::Ranges& ranges,
+                               const std::string& validator = std::string());
+bool parseResumeRecord(const std::string& text, const std::string& url, long long size, ResumeRecord::Ranges& ranges,
+                       std::string* validator = nullptr);
+// Whether the first `length` bytes of the file at `fd` hold no hole (a
+// region never written); true where the file system cannot tell.
+bool withoutHoles(int fd, long long length);
 
 #endif

@@ -238,6 +238,13 @@ std::string requestText(Attempt& a, const std::string& host, const std::string& 
         char range[kRangeTextBuffer];
         snprintf(range, sizeof(range), "bytes=%lld-%lld", a.job->start, a.requestedEnd);
         request.headers["Range"] = range;
+        // A range of a file continued from an earlier run is asked for only
+        // of the version whose bytes are kept: if the file changed, the server
+        // sends it whole and the file starts over instead of being spliced.
+        if (ResumeRecord* resume = a.channel.resumeRecord(a.job->url)) {
+            const std::string validator = resume->continuedFrom();
+            if (!validator.empty()) request.headers["If-Range"] = validator;
+        }
     }
     return request.str();
 }
@@ -333,9 +340,9 @@ Stop judgeStatus(Attempt& a, ConnectionLease& lease) {
 // A file continued from an earlier run whose server answers a range with
 // the whole file starts over: the kept bytes are given up, and the piece that
 // met the answer first now writes the file from its first byte to its last.
-void startOverIfContinued(Attempt& a) {
+bool startOverIfContinued(Attempt& a) {
     ResumeRecord* resume = a.channel.resumeRecord(a.job->url);
-    if (resume == nullptr || !resume->startOver()) return;
+    if (resume == nullptr || !resume->startOver(validatorOf(a.head))) return false;
     if (webChannel::logging())
         webChannel::log(
             "VRAXSecureWebChannel::httpGet(thread %d, file %s): the server sent the whole file for bytes %lld-%lld: "
@@ -345,6 +352,7 @@ void startOverIfContinued(Attempt& a) {
     atomicStore(a.job->end, resume->size() - 1);
     atomicStore(a.job->size, resume->size());
     atomicStore(a.job->downloaded, 0LL);
+    return true;
 }
 
 // In the adaptive mode the first answer that ignores a range fetches the
@@ -446,6 +454,26 @@ Stop checkRange(Attempt& a, ConnectionLease& lease) {
     lease.drop();
     ++a.attempts;
     return kRepeat;
+}
+
+// A file continued from an earlier run keeps to the version its kept bytes
+// came from: a partial answer of another version (from a server that did
+// not heed If-Range) makes the file start over, asked for whole on a fresh
+// connection. The first answer's validator is noted for a later run.
+Stop checkVersion(Attempt& a, ConnectionLease& lease) {
+    if (!a.ranged || (a.code != 200 && a.code != 206)) return std::nullopt;
+    ResumeRecord* resume = a.channel.resumeRecord(a.job->url);
+    if (resume == nullptr) return std::nullopt;
+    const std::string answered = validatorOf(a.head), kept = resume->continuedFrom();
+    if (a.code == 206 && !kept.empty() && !answered.empty() && answered != kept) {
+        if (a.job->share != nullptr) a.job->share->wholeFile(a.thread, *a.job, false);
+        if (startOverIfContinued(a)) {
+            lease.drop();
+            return kRepeat;
+        }
+    }
+    resume->noteValidator(answered);
+    return std::nullopt;
 }
 
 // Opens the target and places it at this piece's offset.
@@ -698,6 +726,7 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
 
     Body body;
     if (Stop stop = checkRange(a, lease)) return *stop;
+    if (Stop stop = checkVersion(a, lease)) return *stop;
     if (Stop stop = planBody(a, body)) return *stop;
     TargetFile out;
     if (Stop stop = openTarget(a, body, out)) return *stop;

@@ -28,6 +28,7 @@ class BodyObserver;
 class DigestStream;
 class ResumeRecord;
 class WorkShare;
+class RecordKeeper;
 
 using namespace wc;
 
@@ -430,6 +431,9 @@ public:
     static bool continues(const httpGetJob& job);
     // The control record of a pending file that continues, or null.
     ResumeRecord* resumeRecord(const std::string& url) const;
+    // While the workers run: a thread that brings the control records up to
+    // date once a second, each after a sync of its target.
+    std::unique_ptr<RecordKeeper> keepResumeRecords();
     // After the workers: every control record brought up to date.
     void flushResumeRecords();
     int checksumErrJob(threadData* record, unsigned int j);

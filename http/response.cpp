@@ -102,6 +102,10 @@ void parseResponseHead(std::string_view text, bool captureCookies, ResponseHead&
         static constexpr std::string_view kSetCookie = "set-cookie: ";
         static constexpr std::string_view kLocation = "location: ";
         static constexpr std::string_view kContentRange = "content-range: ";
+        static constexpr std::string_view kEtag = "etag: ";
+        static constexpr std::string_view kLastModified = "last-modified: ";
+        if (startsWithNoCase(line.text, kEtag)) head.etag = line.text.substr(kEtag.size());
+        if (startsWithNoCase(line.text, kLastModified)) head.lastModified = line.text.substr(kLastModified.size());
         if (startsWithNoCase(line.text, kContentRange)) {
             head.contentRange = line.text.substr(kContentRange.size());
             head.contentRangeSeen = true;
@@ -124,6 +128,11 @@ void parseResponseHead(std::string_view text, bool captureCookies, ResponseHead&
         position = line.next;
     }
     head.headerLengthSet = true;
+}
+
+std::string validatorOf(const ResponseHead& head) {
+    if (!head.etag.empty() && head.etag.substr(0, 2) != "W/") return std::string(head.etag);
+    return std::string(head.lastModified);
 }
 
 namespace {

@@ -20,7 +20,14 @@ struct ResponseHead {
     std::string_view cookie;  // the last "set-cookie" value
     bool contentRangeSeen = false;
     std::string_view contentRange;  // the last "content-range" value
+    std::string_view etag;          // the last "etag" value, "" when none
+    std::string_view lastModified;  // the last "last-modified" value, "" when none
 };
+
+// What tells this version of the server's file from another, for "If-Range":
+// a strong ETag, else the Last-Modified date; "" when the head has neither
+// (a weak ETag never matches a range request).
+std::string validatorOf(const ResponseHead& head);
 
 // A "content-range" value of a partial answer, "bytes FIRST-LAST/TOTAL" (TOTAL
 // may be "*"): false unless it has exactly that form with LAST >= FIRST and a
@@ -30,8 +37,9 @@ bool parseContentRange(std::string_view value, long long& first, long long& last
 // Parses `text` (the received bytes up to the first NUL) the way the channel
 // reads every response: status code between the first two blanks, then the
 // lines up to the first empty one, matching "content-length: ",
-// "transfer-encoding: ", "content-range: ", "set-cookie: " (with captureCookies) and, for a
-// 3xx status, "location: ", which ends the parse at once.
+// "transfer-encoding: ", "content-range: ", "etag: ", "last-modified: ",
+// "set-cookie: " (with captureCookies) and, for a 3xx status, "location: ",
+// which ends the parse at once.
 void parseResponseHead(std::string_view text, bool captureCookies, ResponseHead& head);
 
 // The status codes the channel follows to their "location".
