@@ -1,5 +1,7 @@
 // Files continued from an earlier run: only the missing ranges are fetched, the control record follows what is on
 // disk, and whatever is continued ends verified whole or starts over.
+#include <sys/stat.h>
+
 #include <set>
 
 #include "batch/batch_helpers.h"
@@ -30,13 +32,14 @@ Ranges asked(const Routes& server, const std::string& path) {
     return ranges;
 }
 
-// A target of `length` bytes of garbage with the right bytes in `good`.
-void leave(const std::string& path, long long length, const Ranges& good) {
-    std::string bytes(length, 'x');
+// A target of `length` bytes with the right bytes in `good` and garbage between them, or (`sparse`) holes, as
+// pieces written side by side leave them.
+void leave(const std::string& path, long long length, const Ranges& good, bool sparse = false) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << (sparse ? "" : std::string(length, 'x'));
+    std::filesystem::resize_file(path, (uintmax_t)length);
+    std::fstream out(path, std::ios::binary | std::ios::in | std::ios::out);
     for (const auto& range : good)
-        bytes.replace(range.first, range.second - range.first,
-                      generated(kSeed, range.first, range.second - range.first));
-    std::ofstream(path, std::ios::binary) << bytes;
+        out.seekp(range.first) << generated(kSeed, range.first, range.second - range.first);
 }
 
 struct Case {
@@ -46,7 +49,9 @@ struct Case {
     long long recordSize;
     Ranges recorded;
     bool digest, continued, ignoresRanges;
-    Ranges fetched;  // what the server must be asked for
+    Ranges fetched;       // what the server must be asked for
+    std::string garbage;  // a record that is not one: its text
+    bool sparse = false;  // the target's gaps are holes
 };
 
 // Every way an earlier run can leave a file: each ends with the file whole and verified and its record gone,
@@ -55,24 +60,29 @@ TEST_F(Resume, OnlyTheMissingRangesAreFetchedAndTheWholeFileIsVerified) {
     const long long N = kSize;
     const Ranges split = {{0, M}, {2 * M, 5 * M / 2}}, all = {{0, N}};
     const Case cases[] = {
-        {"recorded ranges", 5 * M / 2, split, N, split, true, true, false, {{M, 2 * M}, {5 * M / 2, N}}},
-        {"recorded ranges, size only", 5 * M / 2, split, N, split, false, true, false, {{M, 2 * M}, {5 * M / 2, N}}},
-        {"no record, shorter target", 5 * M / 4, {{0, 5 * M / 4}}, 0, {}, true, true, false, {{5 * M / 4, N}}},
-        {"no record, target as long as the file", N, {}, 0, {}, false, true, false, all},
-        {"record of another size", N, {}, N + 1, all, true, true, false, all},
-        {"all there", N, all, N, all, false, true, false, {{N - 1, N}}},
-        {"without the continue parameter", 5 * M / 2, split, N, split, true, false, false, all},
-        {"server ignores ranges", 5 * M / 2, split, N, split, true, true, true, {}},
+        {"recorded ranges", 5 * M / 2, split, N, split, true, true, false, {{M, 2 * M}, {5 * M / 2, N}}, ""},
+        {"recorded ranges, size only", 5 * M / 2, split, N, split, false, true, false, {{M, 2 * M}, {5 * M / 2, N}}, ""},
+        {"no record, shorter target", 5 * M / 4, {{0, 5 * M / 4}}, 0, {}, true, true, false, {{5 * M / 4, N}}, ""},
+        {"no record, target as long as the file", N, {}, 0, {}, false, true, false, all, ""},
+        {"record of another size", N, {}, N + 1, all, true, true, false, all, ""},
+        {"all there", N, all, N, all, false, true, false, {{N - 1, N}}, ""},
+        {"without the continue parameter", 5 * M / 2, split, N, split, true, false, false, all, ""},
+        {"server ignores ranges", 5 * M / 2, split, N, split, true, true, true, {}, ""},
+        // What cannot be accounted for is fetched again, with or without a digest to catch it.
+        {"a record cut short", 5 * M / 2, split, 0, {}, false, true, false, all, "webchannel-resume 1\nurl "},
+        {"a record too large to be one", 5 * M / 2, split, 0, {}, false, true, false, all, std::string(2 << 20, 'r')},
+        {"no record, a target with holes", 5 * M / 2, split, 0, {}, false, true, false, all, "", true},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         LogCapture log;
         Routes server({{"/f", content(kSeed, kSize, c.ignoresRanges)}});
         const std::string target = dir + "/f";
-        leave(target, c.length, c.good);
+        leave(target, c.length, c.good, c.sparse);
         if (c.recordSize > 0)
             std::ofstream(ResumeRecord::pathFor(target))
                 << formatResumeRecord(server.url("/f"), c.recordSize, c.recorded);
+        if (!c.garbage.empty()) std::ofstream(ResumeRecord::pathFor(target)) << c.garbage;
         webChannel channel;
         init(channel, 2);
         if (c.continued) channel.setParam(kParamContinue, "", true);
@@ -140,6 +150,34 @@ TEST_F(Resume, AStoppedBatchRecordsWhatIsOnDiskAndAFailedFileStartsOver) {
     for (size_t i = requests.size(); i < server.requestsFor("/f").size(); ++i)
         firsts.insert(firstByte(server.requestsFor("/f")[i]));
     EXPECT_EQ(firsts, std::set<long long>({0, (long long)size / 2})) << "the failed file did not start over";
+}
+
+// A file continued from an earlier run is asked for with If-Range under the validator its record keeps: while the
+// server's file is that version, only the missing ranges come; changed (same size, new ETag), the server sends it
+// whole and the file starts over instead of being spliced with the bytes of the old version.
+TEST_F(Resume, AFileChangedOnTheServerStartsOverInsteadOfBeingSpliced) {
+    const std::string source = readFile(peers().www + "/m10.bin"), url = peers().httpUrl("/m10.bin");
+    struct stat info;
+    ASSERT_EQ(stat((peers().www + "/m10.bin").c_str(), &info), 0);
+    char etag[64];
+    snprintf(etag, sizeof etag, "\"%lx-%lx\"", (long)info.st_mtime, (long)info.st_size);  // nginx's
+    const Ranges kept = {{0, 4 * M}};
+    for (const bool changed : {false, true}) {
+        SCOPED_TRACE(changed ? "changed" : "unchanged");
+        LogCapture log;
+        const std::string target = dir + "/m10";
+        std::ofstream(target, std::ios::binary) << (changed ? std::string(4 * M, 'o') : source.substr(0, 4 * M));
+        std::ofstream(ResumeRecord::pathFor(target)) << formatResumeRecord(url, (long long)source.size(), kept,
+                                                                           changed ? "\"0-0\"" : etag);
+        webChannel channel;
+        init(channel, 2);
+        channel.setParam(kParamContinue, "", true);
+        job(channel, url, "/m10", (long long)source.size());
+        EXPECT_EQ(channel.httpMultiGet(true), 0);
+        EXPECT_TRUE(readFile(target) == source);
+        EXPECT_EQ(countLines(log.text(), "If-Range: " + std::string(changed ? "\"0-0\"" : etag)), changed ? 1 : 2);
+        EXPECT_EQ(countLines(log.text(), "starting the file over"), changed ? 1 : 0);
+    }
 }
 
 }  // namespace
