@@ -21,6 +21,7 @@
 #include "batch/work_share.h"
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
+#include "http/redirects.h"
 #include "http/response.h"
 #include "transport/connection_lease.h"
 
@@ -214,8 +215,10 @@ Stop takeConnection(Attempt& a) {
 }
 
 // Renders the request: the job's parameters merged with the channel's, or
-// the channel's alone for a single GET or a size probe.
-std::string requestText(Attempt& a, const std::string& host, const std::string& port, std::string path) {
+// the channel's alone for a single GET or a size probe; without the server
+// credentials and the cookie once a redirect has left the `origin`.
+std::string requestText(Attempt& a, const std::string& origin, const std::string& host, const std::string& port,
+                        std::string path) {
     AccessParams probeParams;
     AccessParams* params;
     bool relative;
@@ -227,6 +230,11 @@ std::string requestText(Attempt& a, const std::string& host, const std::string& 
         probeParams = a.channel.paramsSnapshot();
         relative = probeParams.count(kParamRelativeTarget) != 0;
         params = &probeParams;
+    }
+    AccessParams withheld;
+    if (a.channel.withholdsCredentials(a.url, origin)) {
+        withheld = withoutCredentials(*params);
+        params = &withheld;
     }
     if (path.empty()) path = "/";
     std::string requestTarget =
@@ -704,7 +712,7 @@ int incomplete(Attempt& a, Body& body, ConnectionLease& lease, long long written
 }  // namespace
 
 int webChannel::httpGet(connection*& conn, std::string url, std::string file, httpGetJob* job, threadData* record,
-                        int& attempts) {
+                        int& attempts, const std::string& origin) {
     Attempt a(*this, conn, url, file, job, record, attempts);
     if (Stop stop = beginAttempt(a)) return *stop;
     if (refusesScheme(url)) return kInvalidArgument;
@@ -717,7 +725,7 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
     if (Stop stop = takeConnection(a)) return *stop;
 
     ConnectionLease lease(*this, conn, record);
-    if (Stop stop = sendRequest(a, lease, requestText(a, host, port, path))) return *stop;
+    if (Stop stop = sendRequest(a, lease, requestText(a, origin, host, port, path))) return *stop;
     if (Stop stop = readResponseHead(a, lease)) return *stop;
     if (Stop stop = judgeStatus(a, lease)) return *stop;
     // A size probe wants the head alone. Its body is not fetched, so the
@@ -750,13 +758,21 @@ int webChannel::httpGet(connection*& conn, std::string url, std::string file, ht
 
 int webChannel::fetch(std::string url, const std::string& file, httpGetJob* job, threadData* record) {
     // After a redirect the next attempt goes to the location the response
-    // left in the connection record.
+    // left in the connection record. The URL the fetch started from stays its
+    // origin, for every attempt after a redirect too: under strict redirects
+    // only requests to that origin carry the credentials and the cookie.
+    const std::string origin = url;
     connection* conn = nullptr;
     int attempts = 0;
     int result;
     do {
+        // The next attempt takes whatever location the connection holds
+        // (beginAttempt); one that would leave verified TLS goes nowhere.
+        if (conn != nullptr && !conn->location.empty() &&
+            refusesRedirect(url, conn->location, leavesTls(url, conn->location), record))
+            return kUntrusted;
         if (isRedirectPending(attempts) && conn != nullptr) url = conn->location;
-        result = httpGet(conn, url, file, job, record, attempts);
+        result = httpGet(conn, url, file, job, record, attempts, origin);
     } while (result == kRepeat);
     return result;
 }

@@ -341,9 +341,23 @@ public:
     int httpGetResponse(connection*& conn, std::string url, int& attempts);
     // Releases shared-pool records retired during a single request.
     void releaseRetired();
-    int httpPost(connection* conn, const char* url, char* headers, char* body, bool flag);
-    // Posts again to a 301/307/308 answer's location (other redirects fail).
-    int followRedirect(connection* conn, int code, char* headers, char* body);
+    // `origin` is the URL the host posted to (see withholdsCredentials).
+    int httpPost(connection* conn, const char* url, char* headers, char* body, bool flag, const std::string& origin);
+    // Posts again to a 301/307/308 answer's location (other redirects fail);
+    // `url` is the one that answered.
+    int followRedirect(connection* conn, const std::string& url, int code, char* headers, char* body,
+                       const std::string& origin);
+
+    // ---- http/: strict redirects (redirects.cpp) ----
+    // Whether a request to `url` goes without the server credentials and the
+    // cookie: under parameter 3027 (unless its value is kRedirectsTrusted),
+    // once `url` has left the origin of `origin`, the URL it started from.
+    bool withholdsCredentials(const std::string& url, const std::string& origin);
+    // Whether the redirect from `from` to `to` is refused: under 3027 with
+    // verification (3021) on, one that is a `downgrade` from TLS to plain
+    // HTTP. The failure (-3034) is noted with both URLs, and stored in the
+    // error state outside a batch (no worker), as an untrusted server's is.
+    bool refusesRedirect(const std::string& from, const std::string& to, bool downgrade, threadData* worker);
 
     // ---- http/: body transfer (body.cpp) ----
     int dump(FILE* file, char* buf, long long len, long long& offset, long long& remaining, int mode, httpGetJob* job);
@@ -404,8 +418,9 @@ public:
     long urlCounter(const std::string& url) const;
 
     // ---- batch/: segment download (segment.cpp) ----
+    // `origin` is the URL the fetch started from (see withholdsCredentials).
     int httpGet(connection*& conn, std::string url, std::string file, httpGetJob* job, threadData* record,
-                int& attempts);
+                int& attempts, const std::string& origin);
     // Runs the segment download until it stops answering "repeat", following
     // redirects: the single GET into a file, the size probe and every batch job.
     int fetch(std::string url, const std::string& file, httpGetJob* job, threadData* record);

@@ -57,8 +57,14 @@ enum : int {
     kParamIdleCap = 3026,         // idle keep-alive connections a worker keeps (a count); the least recently used
                                   // one beyond it is closed
     kParamStrictRedirects = 3027, // presence: credentials and cookies stay with their origin across redirects;
-                                  // with 3021, a redirect from https to http is refused
+                                  // with 3021, a redirect from https to http is refused (value kRedirectsTrusted:
+                                  // only that)
 };
+
+// The value of kParamStrictRedirects that lets the credentials and the cookie
+// follow redirects to other origins; only the refusal of a redirect from
+// https to http under verification stays.
+constexpr const char* kRedirectsTrusted = "trusted";
 
 inline const char* resultText(int code) {
     switch (code) {

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "channel/webChannel.h"
+#include "http/redirects.h"
 #include "http/response.h"
 #include "transport/connection_lease.h"
 
@@ -20,7 +21,8 @@ constexpr size_t kLengthText = 32;
 
 int webChannel::httpPost(const char* url, char* headers, char* body, bool flag) {
     clearError();
-    int result = httpPost(nullptr, url, headers, body, flag);
+    // The URL given is the origin of every re-post.
+    int result = httpPost(nullptr, url, headers, body, flag, url != nullptr ? url : "");
     releaseRetired();
     if (result < 0) setError(result);
     return result;
@@ -31,9 +33,12 @@ namespace {
 // A step's verdict: a result to return at once, or nothing to go on.
 using Stop = std::optional<int>;
 
+// `withheld`: without the server credentials and the cookie (a re-post that
+// left the origin under strict redirects).
 Stop sendPost(webChannel& channel, webChannel::connection* conn, const std::string& path, char* headers,
-              const char* body) {
+              const char* body, bool withheld) {
     AccessParams params = channel.paramsSnapshot();
+    if (withheld) params = withoutCredentials(std::move(params));
     webChannel::httpRequest request("POST", conn->host + ":" + conn->port, path.empty() ? "/" : path, headers,
                                     &params);
     char length[kLengthText];
@@ -67,7 +72,8 @@ int readRest(webChannel& channel, ConnectionLease& lease, webChannel::connection
 
 }  // namespace
 
-int webChannel::httpPost(connection* conn, const char* url, char* headers, char* body, bool flag) {
+int webChannel::httpPost(connection* conn, const char* url, char* headers, char* body, bool flag,
+                         const std::string& origin) {
     if (url == nullptr || body == nullptr) return kInvalidArgument;
     if (m_buffer == nullptr) return kInvalidArgument;  // init() has not sized the buffers
     if (refusesScheme(url)) return kInvalidArgument;
@@ -80,7 +86,7 @@ int webChannel::httpPost(connection* conn, const char* url, char* headers, char*
         if (conn == nullptr) return opened;
     }
     ConnectionLease lease(*this, conn, nullptr);
-    if (Stop stop = sendPost(*this, conn, path, headers, body)) return *stop;
+    if (Stop stop = sendPost(*this, conn, path, headers, body, withholdsCredentials(url, origin))) return *stop;
 
     char* buffer = m_buffer;
     int lastRead = 0;
@@ -102,7 +108,7 @@ int webChannel::httpPost(connection* conn, const char* url, char* headers, char*
     if (code >= 300) {
         // The rest of the redirect's answer is not read: that connection goes.
         lease.drop();
-        return followRedirect(conn, code, headers, body);
+        return followRedirect(conn, url, code, headers, body, origin);
     }
     if ((size_t)received >= m_response.max_size()) {
         lease.keep();  // as it always was; a read never comes near this size
@@ -116,7 +122,8 @@ int webChannel::httpPost(connection* conn, const char* url, char* headers, char*
     return result;
 }
 
-int webChannel::followRedirect(connection* conn, int code, char* headers, char* body) {
+int webChannel::followRedirect(connection* conn, const std::string& url, int code, char* headers, char* body,
+                               const std::string& origin) {
     static thread_local int depth = 0;
     if (code != 301 && code != 307 && code != 308) {
         noteFailure(kBadStatus, "HTTP " + std::to_string(code) + " redirect, which a POST does not follow");
@@ -128,10 +135,12 @@ int webChannel::followRedirect(connection* conn, int code, char* headers, char* 
     // connection since the old one still holds the redirect's body.
     std::string target = m_response;
     std::string targetHost, targetPort, targetPath;
-    if (!parseURL(target, nullptr, targetHost, targetPort, targetPath, nullptr))
-        target = conn->host + ":" + conn->port + (targetPath.empty() ? "/" : targetPath);
+    const bool sameServer = !parseURL(target, nullptr, targetHost, targetPort, targetPath, nullptr);
+    if (sameServer) target = conn->host + ":" + conn->port + (targetPath.empty() ? "/" : targetPath);
+    // A POST opens its connection by host and port, so only port 443 is TLS.
+    if (!sameServer && refusesRedirect(url, target, conn->https && targetPort != "443", nullptr)) return kUntrusted;
     ++depth;
-    int result = httpPost(conn, target.c_str(), headers, body, false);
+    int result = httpPost(conn, target.c_str(), headers, body, false, origin);
     --depth;
     return result;
 }

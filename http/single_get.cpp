@@ -56,7 +56,9 @@ int webChannel::httpGet(const char* url) {
     int result;
     do {
         int before = attempts;
-        // The same URL every time, also after a redirect.
+        // The same URL every time, also after a redirect: the request never
+        // leaves its origin, so strict redirects (3027) find nothing to
+        // withhold or refuse here.
         result = httpGetResponse(conn, url, attempts);
         if (result == kRepeat && attempts == redirectedAttempts(before) && ++redirects > kMaxMemoryRedirects)
             result = kTooManyAttempts;

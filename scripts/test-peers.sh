@@ -3,7 +3,10 @@
 #   nginx      HTTP on a free port and HTTPS on 443, static files with byte
 #              ranges, a POST sink, a redirect and a Basic-auth area;
 #              plus one HTTPS server per case of certificate verification,
-#              and a slow HTTP server (4 MB/s a connection) on another port;
+#              a slow HTTP server (4 MB/s a connection) on another port, and
+#              the same files on one port of two hosts (127.0.0.1 and
+#              127.0.0.2) that redirect to each other, logging which
+#              requests carried credentials and a cookie;
 #   squid      authenticating forward proxy (CONNECT to the HTTPS ports and plain);
 #   tinyproxy  a second authenticating forward proxy.
 #
@@ -15,7 +18,8 @@
 # group; its PID is recorded in <dir>/run/<peer>.pid and `stop` ends exactly
 # those processes, never anything found by name.
 #
-# Only 127.0.0.1 is ever listened on or connected to.
+# Only 127.0.0.1 and 127.0.0.2 (loopback too) are ever listened on or
+# connected to.
 set -Eeuo pipefail
 
 usage() {
@@ -334,6 +338,36 @@ make_trust() {
   echo ready >"$t/ready"
 }
 
+# The two hosts of the redirect tests, on one port: each sends /away/... (the
+# origin) or /back/... (the other host) on to the other host, the origin's
+# /up/... to the HTTPS server on 443, by its name. The log records whether a
+# request carried a Range, an Authorization and a Cookie header, not their
+# values. (The main server's /down/... comes back here over plain HTTP.)
+redirect_servers() {
+  local origin="127.0.0.1:$REDIRECT_PORT" other="127.0.0.2:$REDIRECT_PORT"
+  cat <<EOF
+  map \$http_range \$sent_range { "" -; default range; }
+  map \$http_authorization \$sent_auth { "" -; default auth; }
+  map \$http_cookie \$sent_cookie { "" -; default cookie; }
+  log_format sent '\$server_addr:\$server_port \$request_method \$request_uri \$sent_range \$sent_auth \$sent_cookie';
+  server {
+    listen $origin;
+    root $www;
+    access_log $REDIRECT_LOG sent;
+    location ~ ^/away(/.*)\$ { return 307 http://$other\$1\$is_args\$args; }
+    location ~ ^/up(/.*)\$ { return 307 https://localhost\$1\$is_args\$args; }
+    location = /post { return 200 "posted\n"; }
+  }
+  server {
+    listen $other;
+    root $www;
+    access_log $REDIRECT_LOG sent;
+    location ~ ^/back(/.*)\$ { return 307 http://$origin\$1\$is_args\$args; }
+    location = /post { return 200 "posted\n"; }
+  }
+EOF
+}
+
 # The nginx server blocks of the verification cases, one port each.
 tls_servers() {
   local name port
@@ -363,9 +397,14 @@ start_nginx() {
     access_log $nd/slow-access.log ranged;
     limit_rate 4m;
   }
-$(tls_servers)" \
+$(tls_servers)
+$(redirect_servers)" \
     "    location = /post { return 200 \"posted\\n\"; }
     location /redirect/ { return 302 /five.bin; }
+    location ~ ^/down(/.*)\$ {
+      access_log $REDIRECT_LOG sent;
+      return 307 http://127.0.0.1:$REDIRECT_PORT\$1\$is_args\$args;
+    }
     location /auth/ {
       alias $www/;
       auth_basic \"webchannel tests\";
@@ -385,6 +424,8 @@ $(tls_servers)" \
     fail "nginx Basic authentication does not work" "$nd/error.log"
   expect_body "nginx post" posted --noproxy '*' --data-binary x "http://127.0.0.1:$HTTP_PORT/post" ||
     fail "nginx does not answer POST /post" "$nd/error.log"
+  expect_body "nginx redirects" hello --noproxy '*' -L "http://127.0.0.1:$REDIRECT_PORT/away/back/five.bin" ||
+    fail "nginx does not redirect between 127.0.0.1 and 127.0.0.2" "$nd/error.log"
 }
 
 start_squid() {
@@ -524,6 +565,8 @@ free_port SQUID_PORT || fail "no free port for squid"
 free_port TINYPROXY_PORT || fail "no free port for tinyproxy"
 free_port SLOW_PORT || fail "no free port for the slow nginx server"
 for name in $TLS_CASES; do free_port "TLS_PORT_$name" || fail "no free port for the $name HTTPS server"; done
+free_port REDIRECT_PORT || fail "no free port for the redirect servers"
+REDIRECT_LOG="$dir/nginx/redirects.log"
 
 start_nginx
 start_squid
@@ -547,6 +590,8 @@ CERT=$cert
 KEY=$key
 TRUST_CA=$trust/ca.pem
 TRUST_DIR=$trust/hashed
+REDIRECT_PORT=$REDIRECT_PORT
+REDIRECT_LOG=$REDIRECT_LOG
 $(for name in $TLS_CASES; do port=TLS_PORT_$name && echo "$port=${!port}"; done)
 EOF
 mv -f "$dir/peers.env.tmp" "$dir/peers.env"

@@ -25,8 +25,9 @@ Peers loadPeers() {
     std::map<std::string, std::string> values;
     for (std::string line; std::getline(in, line);)
         if (size_t eq = line.find('='); eq != std::string::npos) values[line.substr(0, eq)] = line.substr(eq + 1);
-    for (const char* name : {"HTTP_PORT", "SQUID_PORT", "SQUID_USER", "SQUID_PASSWORD", "TINYPROXY_PORT",
-                             "TINYPROXY_USER", "TINYPROXY_PASSWORD", "WWW", "CERT", "TRUST_CA", "TRUST_DIR"})
+    for (const char* name :
+         {"HTTP_PORT", "SQUID_PORT", "SQUID_USER", "SQUID_PASSWORD", "TINYPROXY_PORT", "TINYPROXY_USER",
+          "TINYPROXY_PASSWORD", "WWW", "CERT", "TRUST_CA", "TRUST_DIR", "REDIRECT_PORT", "REDIRECT_LOG"})
         if (values[name].empty()) failHard("test peers: no " + std::string(name) + " in " + path);
     if (values["HTTPS_PORT"] != "443") failHard("test peers: " + path + " must say HTTPS_PORT=443");
     std::map<std::string, int> tlsPorts;
@@ -43,7 +44,9 @@ Peers loadPeers() {
             values["CERT"],
             tlsPorts,
             values["TRUST_CA"],
-            values["TRUST_DIR"]};
+            values["TRUST_DIR"],
+            std::stoi(values["REDIRECT_PORT"]),
+            values["REDIRECT_LOG"]};
 }
 
 }  // namespace

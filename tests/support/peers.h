@@ -18,6 +18,12 @@ struct Peers {
     // Servers by certificate (good, othername, expired, selfsigned, unknownca); the CA (PEM, hashed directory).
     std::map<std::string, int> tlsPorts;
     std::string trustCa, trustDir;
+    // Two hosts on one port, 127.0.0.1 (the origin: /away/X sends to 127.0.0.2, /up/X to https://localhost/X) and
+    // 127.0.0.2 (/back/X sends to 127.0.0.1); the 443 server's /down/X sends to the origin. redirectLog has a line
+    // "ADDRESS:PORT METHOD URI RANGE AUTH COOKIE" for each of their requests, the last three "range", "auth",
+    // "cookie" when the request carried that header, else "-".
+    int redirectPort = 0;
+    std::string redirectLog;
 
     std::string httpUrl(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(httpPort) + path; }
     std::string httpsUrl(const std::string& path) const { return "https://127.0.0.1" + path; }  // port 443 implied

@@ -168,6 +168,22 @@ cause "single GET" "-3052: $http/nope.bin: HTTP 404 Not Found" -o got.bin "$http
 good="https://127.0.0.1:$TLS_PORT_good/five.bin"
 check "--cacert DIR: a verified GET" 0 -- --cacert "$TRUST_DIR" -o good.bin "$good" && same good.bin "$WWW/five.bin"
 cause "untrusted" "-3034: 127.0.0.1:$TLS_PORT_good: unable to get local issuer certificate \(size probe failed\)" "$good"
+# -u and --cookie stay with the URL's server (127.0.0.1) unless --location-trusted; under verification a redirect from
+# https to http is refused and writes nothing.
+other_got() {  # TAG: the presence of Authorization and Cookie in 127.0.0.2's requests of TAG, once a later one is logged
+  curl -q -s --noproxy '*' -o /dev/null "http://127.0.0.1:$REDIRECT_PORT/five.bin?$1-end"
+  for ((i = 0; i < 200; i++)); do grep -qF "?$1-end " "$REDIRECT_LOG" && break; sleep 0.01; done
+  grep -F "?$1 " "$REDIRECT_LOG" | grep '^127\.0\.0\.2:' | cut -d' ' -f5,6
+}
+away="http://127.0.0.1:$REDIRECT_PORT/away/five.bin?webget$$"
+check "-u and --cookie stay with their server" 0 -- -u alice:s3cret --cookie s=1 -o away.bin "$away-1" &&
+  same away.bin "$WWW/five.bin"
+[[ $(other_got "webget$$-1") == "- -" ]] || fail "-u and --cookie went on to 127.0.0.2"
+check "--location-trusted sends them on" 0 -- --location-trusted -u alice:s3cret --cookie s=1 -o on.bin "$away-2"
+[[ $(other_got "webget$$-2") == "auth cookie" ]] || fail "--location-trusted: -u and --cookie did not go on"
+cause "https to http refused" "-3034: https://localhost/down/five.bin: redirect to http://127.0.0.1:$REDIRECT_PORT/five.bin \
+refused: it leaves verified TLS for plain HTTP" --cacert "$CERT" -o down.bin https://localhost/down/five.bin
+[[ ! -e down.bin ]] || fail "https to http: down.bin written"
 # --post asks the keep-alive server to close after its answer: it returns long before the 30 s time-out.
 if timeout 10 "$webget" -T 30 --post 'name=value' "$http/post" >out.txt 2>err.txt </dev/null && grep -qx posted out.txt
 then echo "ok   --post returns when the answer is complete"; else fail "--post did not return with the answer"; fi

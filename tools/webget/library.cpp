@@ -150,6 +150,9 @@ int configureChannel(VRAXSecureWebChannel* channel, const Options& options) {
     if (options.keepCookies) channel->setParam(wc::kParamCookieCapture, "1", true);
     if (options.unknownSize) channel->setParam(wc::kParamUnknownSize, "1", true);
     if (!options.insecure) channel->setParam(wc::kParamVerifyPeer, options.caCert.c_str(), true);
+    // The user's secrets stay with the server they were given for, and a
+    // verified transfer is never redirected to plain HTTP.
+    channel->setParam(wc::kParamStrictRedirects, options.locationTrusted ? wc::kRedirectsTrusted : "", true);
     return -1;
 }
 

@@ -82,6 +82,7 @@ struct Options {
     std::string cookie;
     bool cookieGiven = false;
     bool keepCookies = false;
+    bool locationTrusted = false;  // credentials and cookie follow redirects to other servers
     bool noCache = false;
     std::string timeout;
     bool insecure = false;  // -k: servers' certificates are not verified
