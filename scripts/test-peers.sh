@@ -3,7 +3,9 @@
 #   nginx      HTTP on a free port and HTTPS on 443, static files with byte
 #              ranges, a POST sink, a redirect and a Basic-auth area;
 #              plus one HTTPS server per case of certificate verification,
-#              and a slow HTTP server (4 MB/s a connection) on another port;
+#              a slow HTTP server (4 MB/s a connection) on another port, and
+#              the same files over HTTP on 100 more ports, each port standing
+#              for a host of its own;
 #   squid      authenticating forward proxy (CONNECT to the HTTPS ports and plain);
 #   tinyproxy  a second authenticating forward proxy.
 #
@@ -301,6 +303,7 @@ AUTH_USER=alice AUTH_PASSWORD=s3cret
 SQUID_USER=proxyuser SQUID_PASSWORD=proxypass
 TINYPROXY_USER=tinyuser TINYPROXY_PASSWORD=tinypass
 HTTPS_PORT=443
+HOST_COUNT=100 # ports of the many-hosts server
 is_root=0
 [[ $(id -u) -eq 0 ]] && is_root=1
 
@@ -367,6 +370,11 @@ start_nginx() {
     access_log $nd/slow-access.log;
     limit_rate 4m;
   }
+  server {
+$(for port in $HOST_PORTS; do printf '    listen 127.0.0.1:%s;\n' "$port"; done)
+    root $www;
+    access_log $nd/hosts-access.log;
+  }
 $(tls_servers)" \
     "    location = /post { return 200 \"posted\\n\"; }
     location /redirect/ { return 302 /five.bin; }
@@ -387,6 +395,8 @@ $(tls_servers)" \
   expect_body "nginx auth" hello --noproxy '*' -u "$AUTH_USER:$AUTH_PASSWORD" \
     "http://127.0.0.1:$HTTP_PORT/auth/five.bin" ||
     fail "nginx Basic authentication does not work" "$nd/error.log"
+  expect_body "nginx hosts" hello --noproxy '*' "http://127.0.0.1:${HOST_PORTS%% *}/five.bin" ||
+    fail "nginx does not serve on the many-hosts ports" "$nd/error.log"
   expect_body "nginx post" posted --noproxy '*' --data-binary x "http://127.0.0.1:$HTTP_PORT/post" ||
     fail "nginx does not answer POST /post" "$nd/error.log"
 }
@@ -528,6 +538,11 @@ free_port SQUID_PORT || fail "no free port for squid"
 free_port TINYPROXY_PORT || fail "no free port for tinyproxy"
 free_port SLOW_PORT || fail "no free port for the slow nginx server"
 for name in $TLS_CASES; do free_port "TLS_PORT_$name" || fail "no free port for the $name HTTPS server"; done
+HOST_PORTS=""
+for ((i = 0; i < HOST_COUNT; i++)); do
+  free_port port || fail "no free port for host $i of $HOST_COUNT"
+  HOST_PORTS+="$port "
+done
 
 start_nginx
 start_squid
@@ -551,6 +566,7 @@ CERT=$cert
 KEY=$key
 TRUST_CA=$trust/ca.pem
 TRUST_DIR=$trust/hashed
+HOST_PORTS=${HOST_PORTS% }
 $(for name in $TLS_CASES; do port=TLS_PORT_$name && echo "$port=${!port}"; done)
 EOF
 mv -f "$dir/peers.env.tmp" "$dir/peers.env"

@@ -25,13 +25,17 @@ Peers loadPeers() {
     std::map<std::string, std::string> values;
     for (std::string line; std::getline(in, line);)
         if (size_t eq = line.find('='); eq != std::string::npos) values[line.substr(0, eq)] = line.substr(eq + 1);
-    for (const char* name : {"HTTP_PORT", "SQUID_PORT", "SQUID_USER", "SQUID_PASSWORD", "TINYPROXY_PORT",
-                             "TINYPROXY_USER", "TINYPROXY_PASSWORD", "WWW", "CERT", "TRUST_CA", "TRUST_DIR"})
+    for (const char* name :
+         {"HTTP_PORT", "SQUID_PORT", "SQUID_USER", "SQUID_PASSWORD", "TINYPROXY_PORT", "TINYPROXY_USER",
+          "TINYPROXY_PASSWORD", "WWW", "CERT", "TRUST_CA", "TRUST_DIR", "HOST_PORTS"})
         if (values[name].empty()) failHard("test peers: no " + std::string(name) + " in " + path);
     if (values["HTTPS_PORT"] != "443") failHard("test peers: " + path + " must say HTTPS_PORT=443");
     std::map<std::string, int> tlsPorts;
     for (const auto& [name, value] : values)
         if (name.rfind("TLS_PORT_", 0) == 0) tlsPorts[name.substr(9)] = std::stoi(value);
+    std::vector<int> hostPorts;
+    std::istringstream ports(values["HOST_PORTS"]);
+    for (int port; ports >> port;) hostPorts.push_back(port);
     return {std::stoi(values["HTTP_PORT"]),
             std::stoi(values["SQUID_PORT"]),
             std::stoi(values["TINYPROXY_PORT"]),
@@ -43,7 +47,8 @@ Peers loadPeers() {
             values["CERT"],
             tlsPorts,
             values["TRUST_CA"],
-            values["TRUST_DIR"]};
+            values["TRUST_DIR"],
+            hostPorts};
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace testsupport {
 
@@ -18,6 +19,7 @@ struct Peers {
     // Servers by certificate (good, othername, expired, selfsigned, unknownca); the CA (PEM, hashed directory).
     std::map<std::string, int> tlsPorts;
     std::string trustCa, trustDir;
+    std::vector<int> hostPorts;  // `www` over HTTP on many ports, each standing for a host of its own
 
     std::string httpUrl(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(httpPort) + path; }
     std::string httpsUrl(const std::string& path) const { return "https://127.0.0.1" + path; }  // port 443 implied
