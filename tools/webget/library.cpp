@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 
+#include "descriptors.h"
 #include "webget.h"
 
 #ifndef WEBGET_INSTALL_LIBDIR
@@ -147,6 +148,8 @@ int configureChannel(VRAXSecureWebChannel* channel, const Options& options) {
     if (options.keepCookies) channel->setParam(wc::kParamCookieCapture, "1", true);
     if (options.unknownSize) channel->setParam(wc::kParamUnknownSize, "1", true);
     if (!options.insecure) channel->setParam(wc::kParamVerifyPeer, options.caCert.c_str(), true);
+    // Idle connections to many hosts stay well inside the descriptor limit.
+    channel->setParam(wc::kParamIdleCap, std::to_string(idleCapFor(descriptorLimit(), options.workers)).c_str(), true);
     return -1;
 }
 
