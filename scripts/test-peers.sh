@@ -538,10 +538,10 @@ free_port SQUID_PORT || fail "no free port for squid"
 free_port TINYPROXY_PORT || fail "no free port for tinyproxy"
 free_port SLOW_PORT || fail "no free port for the slow nginx server"
 for name in $TLS_CASES; do free_port "TLS_PORT_$name" || fail "no free port for the $name HTTPS server"; done
-HOST_PORTS=""
+HOST_PORTS="" host_port=""
 for ((i = 0; i < HOST_COUNT; i++)); do
-  free_port port || fail "no free port for host $i of $HOST_COUNT"
-  HOST_PORTS+="$port "
+  free_port host_port || fail "no free port for host $i of $HOST_COUNT"
+  HOST_PORTS+="$host_port "
 done
 
 start_nginx
