@@ -25,9 +25,6 @@
 
 // ---- policy: small pure functions ----
 
-// Descriptors a pooled connection holds: its socket and its two readiness waiters.
-constexpr size_t kDescriptorsPerConnection = 3;
-
 // Where an idle connection belongs and when it was parked (the registry's clock).
 struct IdleMark {
     const void* owner;
