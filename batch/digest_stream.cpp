@@ -1,6 +1,5 @@
 #include "batch/digest_stream.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -125,7 +124,7 @@ void DigestStream::followPrefix(std::unique_lock<std::mutex>& lock, int fd) {
     m_busy = false;
 }
 
-std::string DigestStream::finish(const std::string& path) {
+std::string DigestStream::finish(const std::string& path, const std::function<int(const std::string&)>& open) {
     std::lock_guard<std::mutex> lock(m_lock);
     if (m_context == nullptr) return std::string();
     // The workers are done with this file: everything ahead is on disk.
@@ -135,7 +134,7 @@ std::string DigestStream::finish(const std::string& path) {
     if (info.st_size < m_hashed) m_stale = true;  // cut short behind the batch
     int fd = -1;
     if (m_stale || info.st_size > m_hashed) {
-        fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        fd = open(path);
         if (fd < 0) return std::string();
     }
     bool read = true;

@@ -16,6 +16,7 @@
 
 #include <openssl/evp.h>
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -36,7 +37,8 @@ public:
     void written(int fd, long long offset, const char* data, size_t size) override;
     // The lower-case hex digest of the whole file at `path`, reading from it
     // only what was not streamed; empty when the file cannot be read. Once.
-    std::string finish(const std::string& path);
+    // `open` opens the file for reading: a descriptor, or -1.
+    std::string finish(const std::string& path, const std::function<int(const std::string&)>& open);
     // Whether finish() had to hash the file from its first byte.
     bool rehashed() const { return m_rehashed; }
 

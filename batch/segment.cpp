@@ -24,6 +24,7 @@
 #include "http/redirects.h"
 #include "http/response.h"
 #include "transport/connection_lease.h"
+#include "transport/descriptor_relief.h"
 
 namespace {
 
@@ -66,9 +67,10 @@ private:
 
 // Opens a batch target for writing without truncating it: pieces of one
 // file are written by several workers at once, and whichever opens first
-// must not wipe what another has written.
-FILE* openShared(const std::string& path) {
-    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+// must not wipe what another has written. Out of descriptors, idle
+// connections make room.
+FILE* openShared(webChannel& channel, const std::string& path) {
+    int fd = openRelieved(channel, [&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644); });
     if (fd < 0) return nullptr;
     FILE* file = fdopen(fd, "rb+");
     if (file == nullptr) ::close(fd);
@@ -486,7 +488,7 @@ Stop checkVersion(Attempt& a, ConnectionLease& lease) {
 
 // Opens the target and places it at this piece's offset.
 Stop openTarget(Attempt& a, Body& body, TargetFile& out) {
-    out.reset(a.job != nullptr ? openShared(a.file) : openFresh(a.file));
+    out.reset(a.job != nullptr ? openShared(a.channel, a.file) : openFresh(a.file));
     if (out.get() == nullptr) {
         int failed = fileFailure();
         if (webChannel::logging())

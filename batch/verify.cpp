@@ -11,6 +11,7 @@
 #include "batch/resume_record.h"
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
+#include "transport/descriptor_relief.h"
 
 std::string webChannel::checksum(std::string file, std::string algorithm) {
     const EVP_MD* digest = EVP_get_digestbyname(algorithm.c_str());
@@ -18,7 +19,7 @@ std::string webChannel::checksum(std::string file, std::string algorithm) {
         if (logging()) log("VRAXSecureWebChannel::checksum: invalid algorithm %s", algorithm.c_str());
         return std::string();
     }
-    int input = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    int input = openRelieved(*this, [&] { return ::open(file.c_str(), O_RDONLY | O_CLOEXEC); });
     std::string text = input < 0 ? std::string() : hashDescriptor(input, digest);
     if (input >= 0) ::close(input);
     logChecksum(file, text);
@@ -117,7 +118,9 @@ int webChannel::checksumErrPiece(threadData* record, httpGetJob& job, int j) {
 std::string webChannel::fileDigest(const httpGetJob& job) {
     auto stream = m_digestStreams.find(job.url);
     if (stream == m_digestStreams.end()) return checksum(job.file, job.algorithm);
-    std::string text = stream->second->finish(job.file);
+    std::string text = stream->second->finish(job.file, [this](const std::string& path) {
+        return openRelieved(*this, [&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); });
+    });
     if (stream->second->rehashed()) atomicAdd(m_filesRehashed, 1);
     logChecksum(job.file, text);  // the line hashing the file itself writes
     return text;

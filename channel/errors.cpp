@@ -1,4 +1,6 @@
 // Error state of the channel and the socket-error tests.
+#include <sys/resource.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -86,7 +88,13 @@ void webChannel::forgetFailure() {
 
 std::string webChannel::systemText(int error) {
     char text[256];
-    return strerror_r(error, text, sizeof(text));
+    std::string words = strerror_r(error, text, sizeof(text));
+    // Running out of descriptors is a limit someone can raise: say which.
+    rlimit limit;
+    if (error == EMFILE && getrlimit(RLIMIT_NOFILE, &limit) == 0)
+        words += " (descriptor limit " + std::to_string((unsigned long long)limit.rlim_cur) + " reached)";
+    if (error == ENFILE) words += " (the system's descriptor limit reached)";
+    return words;
 }
 
 std::string webChannel::printable(std::string_view text, size_t limit) {

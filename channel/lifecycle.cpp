@@ -13,6 +13,7 @@
 #include "channel/globals.h"
 #include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
+#include "transport/idle_registry.h"
 
 webChannel::webChannel()
     : m_sslContext(nullptr),
@@ -32,7 +33,8 @@ webChannel::webChannel()
       m_progressDone(0),
       m_progressSize(0),
       m_progressFinished(0),
-      m_trustLoaded(false) {
+      m_trustLoaded(false),
+      m_idle(std::make_unique<IdleRegistry>([this](connection* conn) { closeConnection(conn); })) {
     pthread_mutex_init(&m_lock1, nullptr);
     pthread_mutex_init(&m_lock2, nullptr);
     pthread_mutex_init(&m_lock3, nullptr);

@@ -26,6 +26,7 @@
 struct ResponseHead;
 class BodyObserver;
 class DigestStream;
+class IdleRegistry;
 class ResumeRecord;
 class WorkShare;
 class RecordKeeper;
@@ -290,6 +291,14 @@ public:
     void dropConnection(connection* conn, threadData* worker);
     // Closes every connection of a pool and releases the records.
     void emptyPool(std::map<std::string, connection*>& pool, std::vector<connection*>& retired);
+    // Keeps a connection whose request is over for the next one: it is idle
+    // until its pool takes it again. With the idle cap (3026) the pool's
+    // least recently used idle connections beyond the cap are closed.
+    void parkConnection(connection* conn, threadData* worker);
+    // The process is out of descriptors (`error`: EMFILE or ENFILE): closes
+    // the least recently used idle connections of every pool. False when
+    // none was idle.
+    bool relieveDescriptors(int error);
 
     // ---- transport/: connecting, tunnel, TLS (connect.cpp, tunnel.cpp, tls.cpp) ----
     int initSSL();
@@ -521,6 +530,9 @@ public:
     // Trust anchors named by parameter 3021, by path, under m_trustLock;
     // null for a path that could not be read. Freed with the channel.
     std::map<std::string, X509_STORE*> m_trustStores;
+    // The idle connections of every pool (transport/idle_registry.h): any
+    // thread may close them when descriptors run short.
+    std::unique_ptr<IdleRegistry> m_idle;
 
     static FILE* m_log;
 };

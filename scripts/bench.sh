@@ -4,13 +4,14 @@
 # the machine's ceilings for the same bytes.
 #
 #   scripts/bench.sh            full run: 1 GiB file, 64 x 16 MiB, 4096 x 16 KiB,
-#                               HTTP and HTTPS, 5 runs each (20-35 minutes)
+#                               HTTP and HTTPS, 5 runs each, and the many-hosts
+#                               set (20-35 minutes)
 #   scripts/bench.sh --quick    256 MiB file, 16 x 16 MiB, 1024 x 16 KiB,
 #                               3 runs each, shorter micro-benchmarks (about 5 minutes)
 #
 # More options (for partial runs):
 #   --runs N                  runs per tool, set and protocol (at least 3 are wanted)
-#   --sets big,medium,small   data sets to run
+#   --sets big,medium,small,hosts   data sets to run
 #   --protocols http,https    protocols to run
 #   --tools LIST              of webget-sha256,library-sha256,webget,aria2c-sha256,aria2c,curl,wget2
 #   --no-micro                skip the micro-benchmarks
@@ -22,6 +23,15 @@
 # eighth of the big file on the big set. Each set runs once with digest
 # verification by the tool (webget with SHA-256 digests in its manifest,
 # aria2c with checksum=sha-256=... per entry) and once without.
+#
+# The many-hosts set ("hosts", the same in both modes): 2000 files of 8 KiB
+# with SHA-256 digests spread over 200 hosts, listed host by host (ten files
+# each); the hosts are one nginx listening on 200 more ports of 127.0.0.1,
+# HTTP only. It runs webget and the library alone with digests, aria2c with
+# digests and curl, each started with the soft descriptor limit at 1024,
+# the usual default (webget raises its own to the hard limit; the library
+# alone keeps it), and its own table adds the most descriptors each tool
+# held open (sampled every 10 ms from /proc).
 #
 # Per tool, set and protocol the table gives the median wall time of the
 # valid runs, MB/s (10^6 bytes), CPU seconds (user + sys of the tool's
@@ -65,7 +75,7 @@ source "$root/scripts/lib/loopback.sh"
 
 quick=0
 runs=""
-sets="big,medium,small"
+sets="big,medium,small,hosts"
 protocols="http,https"
 all_tools="webget-sha256,library-sha256,webget,aria2c-sha256,aria2c,curl,wget2"
 tools="$all_tools"
@@ -95,7 +105,7 @@ done
 [[ -z $runs ]] && runs=$((quick ? 3 : 5))
 [[ $runs =~ ^[1-9][0-9]*$ ]] || die "--runs wants a positive number"
 ((runs >= 3)) || log "note: fewer than 3 runs per cell; medians of so few runs are rough"
-for s in ${sets//,/ }; do [[ $s == big || $s == medium || $s == small ]] || die "unknown set '$s'"; done
+for s in ${sets//,/ }; do [[ $s == big || $s == medium || $s == small || $s == hosts ]] || die "unknown set '$s'"; done
 for p in ${protocols//,/ }; do [[ $p == http || $p == https ]] || die "unknown protocol '$p'"; done
 for t in ${tools//,/ }; do [[ ,$all_tools, == *",$t,"* ]] || die "unknown tool '$t'"; done
 
@@ -235,9 +245,48 @@ data_intact || {
   data_intact || die "the generated data sets do not check out"
 }
 
+# The many-hosts set lives apart from the others, with its own digest list:
+# 2000 files of 8 KiB, served on 200 ports.
+hosts_www="$B/hosts-www"
+HOST_COUNT=200
+HOSTS_VERSION="v1 2000x8K"
+hosts_intact() {
+  [[ -f $hosts_www/.stamp && $(<"$hosts_www/.stamp") == "$HOSTS_VERSION" && -s $hosts_www/SHA256SUMS ]] || return 1
+  [[ $(find "$hosts_www" -maxdepth 1 -name 'h????.bin' -size 8192c | wc -l) -eq 2000 ]]
+}
+if [[ ,$sets, == *,hosts,* ]] && ! hosts_intact; then
+  rm -rf "$hosts_www" "$hosts_www.tmp"
+  mkdir -p "$hosts_www.tmp"
+  prng_files 2000 8192 5 4 "$hosts_www.tmp/h"
+  (cd "$hosts_www.tmp" && sha256sum h????.bin >SHA256SUMS)
+  echo "$HOSTS_VERSION" >"$hosts_www.tmp/.stamp"
+  mv "$hosts_www.tmp" "$hosts_www"
+  hosts_intact || die "the many-hosts data set does not check out"
+fi
+set_root() { [[ $1 == hosts ]] && echo "$hosts_www" || echo "$www"; }
+# The protocols a set runs over: the many-hosts set over HTTP only.
+set_protocols() { # <set>
+  if [[ $1 != hosts ]]; then
+    echo "${protocols//,/ }"
+  elif [[ ,$protocols, == *,http,* ]]; then
+    echo http
+  fi
+}
+# The tools a set runs: on the many-hosts set those with digests, and curl.
+set_tools() { # <set>
+  local t
+  for t in ${tools//,/ }; do
+    [[ $1 != hosts || " webget-sha256 library-sha256 aria2c-sha256 curl " == *" $t "* ]] && echo "$t"
+  done
+}
+
 # The files of a set: "relative-path size sha256" lines.
 set_files() { # <set>
   local pattern limit
+  if [[ $1 == hosts ]]; then
+    awk '{ print $2, 8192, $1 }' "$hosts_www/SHA256SUMS"
+    return
+  fi
   case "$1" in
     big) pattern="^big/big-$( ((quick)) && echo 256m || echo 1g)[.]bin\$" limit=1 ;;
     medium) pattern="^medium/" limit=$( ((quick)) && echo 16 || echo 64) ;;
@@ -253,6 +302,7 @@ set_title() { # <set>
     big) ((quick)) && echo "1 x 256 MiB" || echo "1 x 1 GiB" ;;
     medium) ((quick)) && echo "16 x 16 MiB" || echo "64 x 16 MiB" ;;
     small) ((quick)) && echo "1024 x 16 KiB" || echo "4096 x 16 KiB" ;;
+    hosts) echo "2000 x 8 KiB, 200 hosts" ;;
   esac
 }
 
@@ -277,7 +327,23 @@ trap 'exit 143' TERM
 
 free_port HTTP_PORT || die "no free port for HTTP"
 free_port HTTPS_PORT || die "no free port for HTTPS"
-nginx_config "$nd" "$www" "$cert" "$key" auto warn off || {
+# The many hosts: one server on 200 more ports. A client may keep a
+# connection to each of them per worker, far beyond nginx's usual 1024.
+HOST_PORTS=() host_port=""
+hosts_server=""
+if [[ ,$sets, == *,hosts,* ]]; then
+  for ((i = 0; i < HOST_COUNT; i++)); do
+    free_port host_port || die "no free port for host $i"
+    HOST_PORTS+=("$host_port")
+  done
+  hosts_server="  server {
+$(printf '    listen 127.0.0.1:%s;\n' "${HOST_PORTS[@]}")
+    root $hosts_www;
+  }"
+fi
+# shellcheck disable=SC2034 # read by nginx_config
+NGINX_CONNECTIONS=8192
+nginx_config "$nd" "$www" "$cert" "$key" auto warn off "$hosts_server" || {
   cat "$nd/configtest.log" >&2
   die "nginx rejects its configuration"
 }
@@ -324,20 +390,25 @@ nginx_ticks() {
 # Inputs of every tool for a set and protocol
 
 # Files are fetched flat into the target directory under their base names.
+# The many-hosts set lists its files host by host, ten from each port in
+# turn, as a manifest sorted by host would.
 write_inputs() { # <set> <protocol>
-  local set=$1 proto=$2 base prefix
+  local set=$1 proto=$2 base prefix ports=""
   base=$(base_url "$proto")
   prefix="$inputs/$set-$proto"
+  [[ $set == hosts ]] && ports="${HOST_PORTS[*]}"
   set_files "$set" >"$prefix.files"
   awk '{ n = split($1, p, "/"); print $3 "  " p[n] }' "$prefix.files" >"$inputs/$set.sums"
-  awk -v b="$base" '{ n = split($1, p, "/"); print b "/" $1, p[n], $2, $3, "sha256" }' "$prefix.files" >"$prefix.webget-sha256"
-  awk -v b="$base" '{ n = split($1, p, "/"); print b "/" $1, p[n], $2 }' "$prefix.files" >"$prefix.webget"
-  awk -v b="$base" '{ n = split($1, p, "/"); print b "/" $1 "\n  out=" p[n] "\n  checksum=sha-256=" $3 }' \
-    "$prefix.files" >"$prefix.aria2c-sha256"
-  awk -v b="$base" '{ n = split($1, p, "/"); print b "/" $1 "\n  out=" p[n] }' "$prefix.files" >"$prefix.aria2c"
-  awk -v b="$base" '{ n = split($1, p, "/"); print "url = \"" b "/" $1 "\"\noutput = \"@DL@/" p[n] "\"" }' \
-    "$prefix.files" >"$prefix.curl"
-  awk -v b="$base" '{ print b "/" $1 }' "$prefix.files" >"$prefix.wget2"
+  # URL NAME SIZE DIGEST, one line a file, from which every tool's input is made.
+  awk -v b="$base" -v ports="$ports" -v total="$(wc -l <"$prefix.files")" 'BEGIN { np = split(ports, port, " ") }
+    { n = split($1, p, "/"); url = np ? "http://127.0.0.1:" port[int((NR - 1) * np / total) + 1] "/" $1 : b "/" $1
+      print url, p[n], $2, $3 }' "$prefix.files" >"$prefix.urls"
+  awk '{ print $1, $2, $3, $4, "sha256" }' "$prefix.urls" >"$prefix.webget-sha256"
+  awk '{ print $1, $2, $3 }' "$prefix.urls" >"$prefix.webget"
+  awk '{ print $1 "\n  out=" $2 "\n  checksum=sha-256=" $4 }' "$prefix.urls" >"$prefix.aria2c-sha256"
+  awk '{ print $1 "\n  out=" $2 }' "$prefix.urls" >"$prefix.aria2c"
+  awk '{ print "url = \"" $1 "\"\noutput = \"@DL@/" $2 "\"" }' "$prefix.urls" >"$prefix.curl"
+  awk '{ print $1 }' "$prefix.urls" >"$prefix.wget2"
 }
 
 # The command of a tool for a set and protocol, into the array `cmd`.
@@ -375,12 +446,34 @@ tool_command() { # <tool> <set> <protocol>
 # One run
 
 results_tsv="$B/results/$stamp.tsv"
-printf 'set\tprotocol\ttool\trun\twall_s\tuser_s\tsys_s\tmaxrss_kb\tnginx_s\texit\tverified\n' >"$results_tsv"
+printf 'set\tprotocol\ttool\trun\twall_s\tuser_s\tsys_s\tmaxrss_kb\tnginx_s\texit\tverified\tpeak_fds\n' >"$results_tsv"
+
+# A pause of 10 ms without starting a process: a read with a time-out from a
+# FIFO that nobody writes.
+mkfifo "$B/tick.fifo" 2>/dev/null || [[ -p $B/tick.fifo ]] || die "cannot make $B/tick.fifo"
+exec {tick}<>"$B/tick.fifo"
+# The most descriptors the tool held open, sampled every 10 ms until the
+# /usr/bin/time process <pid> (time, then timeout, then the tool) exits.
+peak_descriptors() { # <pid>
+  local pid=$1 tool="" most=0 fds p
+  while kill -0 "$pid" 2>/dev/null; do
+    if [[ -z $tool ]]; then
+      p=$(pgrep -P "$pid" | head -n 1) || true
+      if [[ -n $p ]]; then tool=$(pgrep -P "$p" | head -n 1) || true; fi
+    fi
+    if [[ -n $tool && -d /proc/$tool/fd ]]; then
+      fds=(/proc/"$tool"/fd/*)
+      ((${#fds[@]} > most)) && most=${#fds[@]}
+    fi
+    read -r -t 0.01 -u "$tick" _ || true
+  done
+  echo "$most"
+}
 
 run_once() { # <set> <protocol> <tool> <run> <bytes> <count>
   local set=$1 proto=$2 tool=$3 run=$4 bytes=$5 count=$6
   local tf="$runlogs/$set-$proto-$tool-$run.time" out="$runlogs/$set-$proto-$tool-$run.log"
-  local rc=0 t0 t1 n0 n1 wall user sys rss verified files limit
+  local rc=0 t0 t1 n0 n1 wall user sys rss verified files limit peak=0 pid
   run_serial=$((run_serial + 1))
   dl="$dlroot/run$run_serial"
   mkdir -p "$dl"
@@ -389,7 +482,16 @@ run_once() { # <set> <protocol> <tool> <run> <bytes> <count>
   limit=$((60 + bytes / 5000000))
   n0=$(nginx_ticks)
   t0=$(date +%s%N)
-  /usr/bin/time -f '%e %U %S %M' -o "$tf" timeout -k 10 "$limit" "${cmd[@]}" >"$out" 2>&1 </dev/null || rc=$?
+  if [[ $set == hosts ]]; then
+    # Started with the usual default soft limit; the descriptors it holds are sampled meanwhile.
+    /usr/bin/time -f '%e %U %S %M' -o "$tf" timeout -k 10 "$limit" \
+      bash -c 'ulimit -S -n 1024 && exec "$@"' limited "${cmd[@]}" >"$out" 2>&1 </dev/null &
+    pid=$!
+    peak=$(peak_descriptors "$pid")
+    wait "$pid" || rc=$?
+  else
+    /usr/bin/time -f '%e %U %S %M' -o "$tf" timeout -k 10 "$limit" "${cmd[@]}" >"$out" 2>&1 </dev/null || rc=$?
+  fi
   t1=$(date +%s%N)
   n1=$(nginx_ticks)
   wall=$(awk -v a="$t0" -v b="$t1" 'BEGIN { printf "%.3f", (b - a) / 1e9 }')
@@ -401,10 +503,10 @@ run_once() { # <set> <protocol> <tool> <run> <bytes> <count>
   fi
   files=$(find "$dl" -type f | wc -l)
   ((files == count)) || echo "note: $files files in the target directory, $count expected" >>"$out"
-  printf '%s\t%s\t%s\t%d\t%s\t%s\t%s\t%s\t%s\t%d\t%s\n' "$set" "$proto" "$tool" "$run" "$wall" "${user:-0}" \
+  printf '%s\t%s\t%s\t%d\t%s\t%s\t%s\t%s\t%s\t%d\t%s\t%d\n' "$set" "$proto" "$tool" "$run" "$wall" "${user:-0}" \
     "${sys:-0}" "${rss:-0}" "$(awk -v t=$((n1 - n0)) -v c="$clk_tck" 'BEGIN { printf "%.2f", t / c }')" "$rc" \
-    "$verified" >>"$results_tsv"
-  log "$set $proto $tool run $run: ${wall} s, user ${user:-?} s, sys ${sys:-?} s, rss ${rss:-?} KiB, exit $rc, $verified"
+    "$verified" "$peak" >>"$results_tsv"
+  log "$set $proto $tool run $run: ${wall} s, user ${user:-?} s, sys ${sys:-?} s, rss ${rss:-?} KiB, exit $rc, $verified$( ((peak)) && echo ", $peak descriptors at most")"
   # The small set's targets stay until the set is done: even in directories
   # of their own, 4096 files created right after 4096 were deleted sometimes
   # landed among the freed inodes and took 2-3 s of file system time.
@@ -415,33 +517,43 @@ run_once() { # <set> <protocol> <tool> <run> <bytes> <count>
 # The comparison
 
 cached_share() { # <set>: percent of the set's source bytes in the page cache
-  local files
-  files=$(awk -v w="$www" '{ print w "/" $1 }' "$inputs/$1-${protocols%%,*}.files")
+  local files protos
+  protos=$(set_protocols "$1")
+  files=$(awk -v w="$(set_root "$1")" '{ print w "/" $1 }' "$inputs/$1-${protos%% *}.files")
   # shellcheck disable=SC2086
   fincore -b -n -o RES,SIZE $files 2>/dev/null | awk '{ r += $1; s += $2 } END { printf "%.0f", s ? 100 * r / s : 0 }'
 }
 
 declare -A set_bytes set_count
+run_sets="" other_sets=""
 for set in ${sets//,/ }; do
-  for proto in ${protocols//,/ }; do write_inputs "$set" "$proto"; done
-  first="$inputs/$set-${protocols%%,*}.files"
+  protos=$(set_protocols "$set")
+  if [[ -z $protos ]]; then
+    log "the $set set runs over HTTP only: skipped"
+    continue
+  fi
+  run_sets+="$set "
+  [[ $set == hosts ]] || other_sets+="$set "
+  for proto in $protos; do write_inputs "$set" "$proto"; done
+  first="$inputs/$set-${protos%% *}.files"
   set_bytes[$set]=$(awk '{ s += $2 } END { printf "%d", s }' "$first")
   set_count[$set]=$(wc -l <"$first")
 done
 
 bench_start=$SECONDS
-for set in ${sets//,/ }; do
+for set in $run_sets; do
+  protos=$(set_protocols "$set")
   # Warm the sources just before their set: the kernel's proactive reclaim
   # (DAMON, where it runs) evicts files left unread for some minutes.
   note ""
   note "set $set ($(set_title "$set"), ${set_bytes[$set]} bytes): sources $(cached_share "$set")% in the page cache" \
-    "before warming, $(awk -v w="$www" '{ print w "/" $1 }' "$inputs/$set-${protocols%%,*}.files" | xargs cat |
-      wc -c >/dev/null; cached_share "$set")% after; load $(load1) at start"
-  for proto in ${protocols//,/ }; do
+    "before warming, $(awk -v w="$(set_root "$set")" '{ print w "/" $1 }' "$inputs/$set-${protos%% *}.files" |
+      xargs cat | wc -c >/dev/null; cached_share "$set")% after; load $(load1) at start"
+  for proto in $protos; do
     # Rounds of every tool in turn, so that a slow phase of the machine
     # touches all tools alike.
     for ((run = 1; run <= runs; run++)); do
-      for tool in ${tools//,/ }; do
+      for tool in $(set_tools "$set"); do
         run_once "$set" "$proto" "$tool" "$run" "${set_bytes[$set]}" "${set_count[$set]}"
       done
     done
@@ -471,7 +583,7 @@ summary() { # the markdown table from the TSV
   local set proto tool
   echo "| set | proto | tool | valid runs | median s | MB/s | CPU s/GiB | peak RSS MiB | nginx CPU s/GiB |"
   echo "|---|---|---|---|---|---|---|---|---|"
-  for set in ${sets//,/ }; do
+  for set in $other_sets; do
     for proto in ${protocols//,/ }; do
       for tool in ${tools//,/ }; do
         awk -F '\t' -v s="$set" -v p="$proto" -v t="$tool" -v bytes="${set_bytes[$set]}" \
@@ -497,10 +609,43 @@ summary() { # the markdown table from the TSV
   done
 }
 
-say ""
-say "## Downloads (8 connections each; MB = 10^6 bytes; CPU = user + sys of the tool; $runs runs per cell)"
-say ""
-summary | tee -a "$raw"
+# The many-hosts table: wall time and the most descriptors held, per tool.
+hosts_summary() {
+  local tool
+  echo "| set | tool | valid runs | median s | files/s | CPU s | peak RSS MiB | most descriptors open |"
+  echo "|---|---|---|---|---|---|---|---|"
+  for tool in $(set_tools hosts); do
+    awk -F '\t' -v t="$tool" -v count="${set_count[hosts]}" -v title="$(set_title hosts)" \
+      -v label="$(tool_label "$tool")" '
+      $1 == "hosts" && $3 == t {
+        total++
+        if ($10 != 0 || $11 != "ok") { bad++; why = why ($10 != 0 ? " exit " $10 : "") ($11 != "ok" ? " wrong bytes" : ""); next }
+        n++; wall[n] = $5; cpu += $6 + $7; if ($8 > rss) rss = $8; if ($12 > fds) fds = $12
+      }
+      END {
+        if (total == 0) exit
+        if (n == 0) { printf "| %s | %s | 0/%d | FAILED:%s | | | | |\n", title, label, total, why; exit }
+        for (i = 1; i <= n; i++) for (j = i + 1; j <= n; j++) if (wall[j] < wall[i]) { x = wall[i]; wall[i] = wall[j]; wall[j] = x }
+        med = n % 2 ? wall[(n + 1) / 2] : (wall[n / 2] + wall[n / 2 + 1]) / 2
+        mark = bad ? " (" bad " invalid:" why ")" : ""
+        printf "| %s | %s | %d/%d%s | %.2f | %.0f | %.2f | %.0f | %d |\n", title, label, n, total, mark, med, count / med,
+          cpu / n, rss / 1024, fds
+      }' "$results_tsv"
+  done
+}
+
+if [[ -n $other_sets ]]; then
+  say ""
+  say "## Downloads (8 connections each; MB = 10^6 bytes; CPU = user + sys of the tool; $runs runs per cell)"
+  say ""
+  summary | tee -a "$raw"
+fi
+if [[ " $run_sets " == *" hosts "* ]]; then
+  say ""
+  say "## Many hosts (HTTP, each tool started with the soft descriptor limit at 1024; $runs runs per cell)"
+  say ""
+  hosts_summary | tee -a "$raw"
+fi
 say ""
 say "comparison took $((bench_seconds / 60)) min $((bench_seconds % 60)) s; load average now $(cut -d ' ' -f 1-3 /proc/loadavg)"
 note "raw runs: $results_tsv"

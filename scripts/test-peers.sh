@@ -7,6 +7,8 @@
 #              the same files on one port of two hosts (127.0.0.1 and
 #              127.0.0.2) that redirect to each other, logging which
 #              requests carried credentials and a cookie;
+#              the same files over HTTP on 100 more ports, each port standing
+#              for a host of its own;
 #   squid      authenticating forward proxy (CONNECT to the HTTPS ports and plain);
 #   tinyproxy  a second authenticating forward proxy.
 #
@@ -299,6 +301,7 @@ AUTH_USER=alice AUTH_PASSWORD=s3cret
 SQUID_USER=proxyuser SQUID_PASSWORD=proxypass
 TINYPROXY_USER=tinyuser TINYPROXY_PASSWORD=tinypass
 HTTPS_PORT=443
+HOST_COUNT=100 # ports of the many-hosts server
 is_root=0
 [[ $(id -u) -eq 0 ]] && is_root=1
 
@@ -397,6 +400,11 @@ start_nginx() {
     access_log $nd/slow-access.log ranged;
     limit_rate 4m;
   }
+  server {
+$(for port in $HOST_PORTS; do printf '    listen 127.0.0.1:%s;\n' "$port"; done)
+    root $www;
+    access_log $nd/hosts-access.log;
+  }
 $(tls_servers)
 $(redirect_servers)" \
     "    location = /post { return 200 \"posted\\n\"; }
@@ -422,6 +430,8 @@ $(redirect_servers)" \
   expect_body "nginx auth" hello --noproxy '*' -u "$AUTH_USER:$AUTH_PASSWORD" \
     "http://127.0.0.1:$HTTP_PORT/auth/five.bin" ||
     fail "nginx Basic authentication does not work" "$nd/error.log"
+  expect_body "nginx hosts" hello --noproxy '*' "http://127.0.0.1:${HOST_PORTS%% *}/five.bin" ||
+    fail "nginx does not serve on the many-hosts ports" "$nd/error.log"
   expect_body "nginx post" posted --noproxy '*' --data-binary x "http://127.0.0.1:$HTTP_PORT/post" ||
     fail "nginx does not answer POST /post" "$nd/error.log"
   expect_body "nginx redirects" hello --noproxy '*' -L "http://127.0.0.1:$REDIRECT_PORT/away/back/five.bin" ||
@@ -567,6 +577,11 @@ free_port SLOW_PORT || fail "no free port for the slow nginx server"
 for name in $TLS_CASES; do free_port "TLS_PORT_$name" || fail "no free port for the $name HTTPS server"; done
 free_port REDIRECT_PORT || fail "no free port for the redirect servers"
 REDIRECT_LOG="$dir/nginx/redirects.log"
+HOST_PORTS="" host_port=""
+for ((i = 0; i < HOST_COUNT; i++)); do
+  free_port host_port || fail "no free port for host $i of $HOST_COUNT"
+  HOST_PORTS+="$host_port "
+done
 
 start_nginx
 start_squid
@@ -592,6 +607,7 @@ TRUST_CA=$trust/ca.pem
 TRUST_DIR=$trust/hashed
 REDIRECT_PORT=$REDIRECT_PORT
 REDIRECT_LOG=$REDIRECT_LOG
+HOST_PORTS=${HOST_PORTS% }
 $(for name in $TLS_CASES; do port=TLS_PORT_$name && echo "$port=${!port}"; done)
 EOF
 mv -f "$dir/peers.env.tmp" "$dir/peers.env"

@@ -7,6 +7,7 @@
 
 #include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
+#include "transport/descriptor_relief.h"
 
 unsigned long webChannel::resolveAddress(const std::string& host, const std::string& port) {
     if (logging()) log("VRAXSecureWebChannel::parseURL: resolving IP address of %s:%s", host.c_str(), port.c_str());
@@ -25,7 +26,10 @@ unsigned long webChannel::resolveAddress(const std::string& host, const std::str
         return address;
     }
     addrinfo* list = nullptr;
-    int result = getaddrinfo(host.c_str(), nullptr, nullptr, &list);
+    int result = 0;
+    // The resolver opens files and sockets of its own; out of descriptors,
+    // idle connections make room for them.
+    withDescriptors(*this, [&] { return (result = getaddrinfo(host.c_str(), nullptr, nullptr, &list)) == 0; });
     if (result != 0) {
         // A failed lookup is not cached: the next call tries again.
         int error = errno;

@@ -16,6 +16,7 @@
 
 #include "channel/scoped_lock.h"
 #include "channel/webChannel.h"
+#include "transport/descriptor_relief.h"
 #include "transport/poll_wait.h"
 #include "util/logging.h"
 
@@ -34,12 +35,20 @@ struct Route {
 // Makes the socket. Nagle's algorithm stays on (TCP_NODELAY is set to 0 on
 // purpose): a request goes out in one write, so it never waits on an
 // acknowledgement, and the setting is part of what servers have always seen.
-int createSocket(webChannel::connection* conn, int timeout) {
-    conn->socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+int createSocket(webChannel& channel, webChannel::connection* conn, int timeout) {
+    conn->socket = openRelieved(channel, [] { return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0); });
     // Deliberate: descriptor 0 means "no socket" in every connection record
     // (closeSocket and the pool test for it), so only 0 is taken as failure
-    // here; -1 fails the connect that follows instead.
+    // here; -1 fails the connect that follows instead, unless the process is
+    // out of descriptors with no idle connection left to close: then the
+    // connect fails at once, naming the limit.
     if (conn->socket == 0) return kSocketCreate;
+    if (conn->socket < 0 && isOutOfDescriptors(errno)) {
+        const int error = errno;
+        if (webChannel::logging()) webChannel::log("VRAXSecureWebChannel::initSocket: connection error %d", error);
+        webChannel::noteFailure(kConnectFailed, webChannel::systemText(error));
+        return kConnectFailed;
+    }
     int nodelay = 0;
     setsockopt(conn->socket, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof(nodelay));
     if (conn->https) {
@@ -88,15 +97,16 @@ int connectWithin(webChannel::connection* conn, int timeout) {
 }
 
 // The connection's two readiness waiters: input or hang-up, and writability.
-int makeWaiters(webChannel::connection* conn) {
+int makeWaiters(webChannel& channel, webChannel::connection* conn) {
+    auto waiter = [] { return epoll_create1(EPOLL_CLOEXEC); };
     conn->readyEvents = 0;
-    conn->readPoll = epoll_create1(EPOLL_CLOEXEC);
+    conn->readPoll = openRelieved(channel, waiter);
     if (conn->readPoll < 0) return kConnectFailed;
     epoll_event event;
     memset(&event, 0, sizeof(event));
     event.events = EPOLLIN | EPOLLRDHUP;
     if (epoll_ctl(conn->readPoll, EPOLL_CTL_ADD, conn->socket, &event) != 0) return kConnectFailed;
-    conn->writePoll = epoll_create1(EPOLL_CLOEXEC);
+    conn->writePoll = openRelieved(channel, waiter);
     if (conn->writePoll < 0) return kConnectFailed;
     event.events = EPOLLOUT;
     if (epoll_ctl(conn->writePoll, EPOLL_CTL_ADD, conn->socket, &event) != 0) return kConnectFailed;
@@ -153,7 +163,7 @@ int webChannel::initSocket(connection* conn, threadData* worker) {
     if (conn == nullptr) return kInvalidArgument;
     if (logging()) log("VRAXSecureWebChannel::initSocket: started");
     const int timeout = getProxyTimeout();
-    int result = createSocket(conn, timeout);
+    int result = createSocket(*this, conn, timeout);
     if (result != kOk) return result;
     Route route;
     if ((result = chooseRoute(*this, conn, route)) != kOk) return result;
@@ -169,7 +179,7 @@ int webChannel::initSocket(connection* conn, threadData* worker) {
         log("VRAXSecureWebChannel::initSocket: socket %d(%x) is connected to %s:%d", conn->socket,
             (unsigned)(uintptr_t)conn, route.viaProxy() ? route.host.c_str() : conn->host.c_str(),
             atoi(route.port.c_str()));
-    if ((result = makeWaiters(conn)) != kOk) {
+    if ((result = makeWaiters(*this, conn)) != kOk) {
         noteFailure(result, systemText(errno));
         return result;
     }

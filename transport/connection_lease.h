@@ -5,14 +5,18 @@
 #include "channel/webChannel.h"
 
 // Drops a request's connection from its pool when the request ends, unless
-// a step decided it can serve the next one: a connection is reused only
-// when its response was read to the last byte. Steps that must log after the
-// drop call drop() at that point, so the log keeps its order.
+// a step decided it can serve the next one (a connection is reused only
+// when its response was read to the last byte): that one is parked, idle
+// until its pool hands it out again. Steps that must log after the drop
+// call drop() at that point, so the log keeps its order.
 class ConnectionLease {
 public:
     ConnectionLease(webChannel& channel, webChannel::connection*& conn, webChannel::threadData* worker)
         : m_channel(channel), m_conn(conn), m_worker(worker) {}
-    ~ConnectionLease() { drop(); }
+    ~ConnectionLease() {
+        if (m_keep && m_conn != nullptr) m_channel.parkConnection(m_conn, m_worker);
+        drop();
+    }
     ConnectionLease(const ConnectionLease&) = delete;
     ConnectionLease& operator=(const ConnectionLease&) = delete;
     void keep() { m_keep = true; }

@@ -9,6 +9,7 @@
 
 #include "channel/atomics.h"
 #include "channel/webChannel.h"
+#include "transport/idle_registry.h"
 #include "transport/poll_wait.h"
 #include "transport/sigpipe.h"
 
@@ -38,6 +39,16 @@ webChannel::connection* pooled(webChannel& channel, std::map<std::string, webCha
     auto found = pool.find(key);
     if (found == pool.end()) return nullptr;
     webChannel::connection* conn = found->second;
+    if (!channel.m_idle->take(conn)) {
+        // Closed while idle, to make room for another descriptor.
+        if (webChannel::logging())
+            webChannel::log("VRAXSecureWebChannel::open: connection %x to %s was closed while idle",
+                            (unsigned)(uintptr_t)conn, key.c_str());
+        address = conn->address;
+        pool.erase(found);
+        retired.push_back(conn);
+        return nullptr;
+    }
     const bool sameTrust = !conn->https || conn->verifyPeer == trust;
     if (!reconnect && sameTrust) {
         if (webChannel::logging())
@@ -159,6 +170,7 @@ void webChannel::closeConnection(connection* conn) {
 }
 
 void webChannel::destroyConnection(connection* conn) {
+    m_idle->forget(conn);
     closeConnection(conn);
     delete conn;
 }
@@ -173,6 +185,32 @@ void webChannel::dropConnection(connection* conn, threadData* worker) {
         pool.erase(pooled);
         retired.push_back(conn);
     }
+}
+
+void webChannel::parkConnection(connection* conn, threadData* worker) {
+    if (conn == nullptr) return;
+    std::map<std::string, connection*>& pool = worker != nullptr ? worker->connections : m_connections;
+    std::vector<connection*>& retired = worker != nullptr ? worker->retired : m_retiredConnections;
+    std::string capText;
+    const long cap = findParam(kParamIdleCap, capText) ? idleCapFrom(capText) : -1;
+    for (connection* closed : m_idle->park(conn, &pool, cap)) {
+        const std::string key = closed->host + ":" + closed->port;
+        if (logging())
+            log("VRAXSecureWebChannel::parkConnection: closed idle connection %x to %s beyond the cap of %ld",
+                (unsigned)(uintptr_t)closed, key.c_str(), cap);
+        auto pooled = pool.find(key);
+        if (pooled != pool.end() && pooled->second == closed) pool.erase(pooled);
+        // The caller of the request that parked it may still hold it.
+        retired.push_back(closed);
+    }
+}
+
+bool webChannel::relieveDescriptors(int error) {
+    const size_t closed = m_idle->relieve();
+    if (logging())
+        log("VRAXSecureWebChannel::relieveDescriptors: %s: closed %zu idle connections", systemText(error).c_str(),
+            closed);
+    return closed > 0;
 }
 
 void webChannel::emptyPool(std::map<std::string, connection*>& pool, std::vector<connection*>& retired) {

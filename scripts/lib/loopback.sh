@@ -79,14 +79,18 @@ free_port() {
 # <dir>/configtest.log): HTTP on 127.0.0.1:$HTTP_PORT and HTTPS on
 # 127.0.0.1:$HTTPS_PORT, serving <www>, with sendfile and long keep-alive.
 # <http-extra> and <server-extra> are added to the http and server blocks.
+# NGINX_CONNECTIONS, when set, raises each worker's connections (1024) and
+# descriptor limit to match, for clients that keep many connections open.
 nginx_config() { # <dir> <www> <cert> <key> <workers> <error-level> <access-log> [<http-extra> [<server-extra>]]
-  local nd=$1 user_line=""
+  local nd=$1 user_line="" rlimit_line=""
+  [[ -n ${NGINX_CONNECTIONS:-} ]] && rlimit_line="worker_rlimit_nofile $((2 * NGINX_CONNECTIONS));"
   # As root the workers would drop to "nobody", which need not be able to
   # reach a docroot under the build tree.
   [[ $(id -u) -eq 0 ]] && user_line="user root;"
   mkdir -p "$nd/tmp"
   cat >"$nd/nginx.conf" <<EOF
 $user_line
+$rlimit_line
 daemon off;
 master_process on;
 worker_processes $5;
@@ -94,7 +98,7 @@ pid $nd/nginx.pid;
 error_log $nd/error.log $6;
 
 events {
-  worker_connections 1024;
+  worker_connections ${NGINX_CONNECTIONS:-1024};
 }
 
 http {

@@ -27,12 +27,15 @@ Peers loadPeers() {
         if (size_t eq = line.find('='); eq != std::string::npos) values[line.substr(0, eq)] = line.substr(eq + 1);
     for (const char* name :
          {"HTTP_PORT", "SQUID_PORT", "SQUID_USER", "SQUID_PASSWORD", "TINYPROXY_PORT", "TINYPROXY_USER",
-          "TINYPROXY_PASSWORD", "WWW", "CERT", "TRUST_CA", "TRUST_DIR", "REDIRECT_PORT", "REDIRECT_LOG"})
+          "TINYPROXY_PASSWORD", "WWW", "CERT", "TRUST_CA", "TRUST_DIR", "REDIRECT_PORT", "REDIRECT_LOG", "HOST_PORTS"})
         if (values[name].empty()) failHard("test peers: no " + std::string(name) + " in " + path);
     if (values["HTTPS_PORT"] != "443") failHard("test peers: " + path + " must say HTTPS_PORT=443");
     std::map<std::string, int> tlsPorts;
     for (const auto& [name, value] : values)
         if (name.rfind("TLS_PORT_", 0) == 0) tlsPorts[name.substr(9)] = std::stoi(value);
+    std::vector<int> hostPorts;
+    std::istringstream ports(values["HOST_PORTS"]);
+    for (int port; ports >> port;) hostPorts.push_back(port);
     return {std::stoi(values["HTTP_PORT"]),
             std::stoi(values["SQUID_PORT"]),
             std::stoi(values["TINYPROXY_PORT"]),
@@ -46,7 +49,7 @@ Peers loadPeers() {
             values["TRUST_CA"],
             values["TRUST_DIR"],
             std::stoi(values["REDIRECT_PORT"]),
-            values["REDIRECT_LOG"]};
+            values["REDIRECT_LOG"], hostPorts};
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace testsupport {
 
@@ -24,6 +25,7 @@ struct Peers {
     // "cookie" when the request carried that header, else "-".
     int redirectPort = 0;
     std::string redirectLog;
+    std::vector<int> hostPorts;  // `www` over HTTP on many ports, each standing for a host of its own
 
     std::string httpUrl(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(httpPort) + path; }
     std::string httpsUrl(const std::string& path) const { return "https://127.0.0.1" + path; }  // port 443 implied

@@ -1,9 +1,10 @@
-// webget's pure helpers: the share plan of --shard, the checksum files of --checksums.
+// webget's pure helpers: the share plan of --shard, the checksum files of --checksums, the idle cap.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 #include "tools/webget/checksum_file.h"
+#include "tools/webget/descriptors.h"
 #include "tools/webget/shard.h"
 
 using namespace webget;
@@ -47,14 +48,20 @@ TEST(WebgetShard, HashesTheNameWhenASizeIsUnknown) {
 
 TEST(WebgetChecksums, ParsesTheLinesOfTheChecksumTools) {
     const std::string md5(32, 'a'), sha1(40, 'B'), sha256(64, 'c'), sha512(128, 'd');
-    const std::pair<std::string, std::string> rows[] = {  // line, "digest algorithm name" ("!": malformed)
+    const std::pair<std::string, std::string> rows[] = {
+        // line, "digest algorithm name" ("!": malformed)
         {md5 + "  a b.bin", md5 + " md5 a b.bin"},
         {sha1 + " *bin/x", std::string(40, 'b') + " sha1 bin/x"},
         {sha256 + "  ./x.iso\r", sha256 + " sha256 ./x.iso"},
         {"\\" + sha512 + "  new\\nline\\\\x", sha512 + " sha512 new\nline\\x"},
-        {"  # comment", "  "}, {"", "  "},
-        {md5 + " x.bin", "!"}, {md5 + "\tx.bin", "!"}, {std::string(33, 'a') + "  x.bin", "!"}, {md5 + "  ", "!"},
-        {"zz  x.bin", "!"}, {"\\" + md5 + "  bad\\q", "!"},
+        {"  # comment", "  "},
+        {"", "  "},
+        {md5 + " x.bin", "!"},
+        {md5 + "\tx.bin", "!"},
+        {std::string(33, 'a') + "  x.bin", "!"},
+        {md5 + "  ", "!"},
+        {"zz  x.bin", "!"},
+        {"\\" + md5 + "  bad\\q", "!"},
     };
     for (const auto& row : rows) {
         ChecksumEntry entry;
@@ -69,4 +76,12 @@ TEST(WebgetChecksums, ParsesTheLinesOfTheChecksumTools) {
     EXPECT_TRUE(entries.size() == 2 && entries[1].line == 4);
     EXPECT_FALSE(parseChecksums(md5 + "  a\nnot a sum\n", entries, badLine, why));
     EXPECT_EQ(badLine, 2);
+}
+
+// All workers' idle connections together stay within half the descriptor limit, and a worker keeps at least one.
+TEST(WebgetDescriptors, TheIdleCapKeepsEveryWorkersPoolWithinHalfTheLimit) {
+    const std::tuple<unsigned long long, unsigned, unsigned long long> rows[] = {
+        {1024, 8, 21}, {1024, 64, 2}, {20000, 64, 52}, {1048576, 64, 2730}, {16, 64, 1}, {1024, 0, 170}};
+    for (const auto& [limit, workers, cap] : rows)
+        EXPECT_EQ(idleCapFor(limit, workers), cap) << limit << " " << workers;
 }

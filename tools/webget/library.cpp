@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 
+#include "descriptors.h"
 #include "webget.h"
 
 #ifndef WEBGET_INSTALL_LIBDIR
@@ -153,6 +154,8 @@ int configureChannel(VRAXSecureWebChannel* channel, const Options& options) {
     // The user's secrets stay with the server they were given for, and a
     // verified transfer is never redirected to plain HTTP.
     channel->setParam(wc::kParamStrictRedirects, options.locationTrusted ? wc::kRedirectsTrusted : "", true);
+    // Idle connections to many hosts stay well inside the descriptor limit.
+    channel->setParam(wc::kParamIdleCap, std::to_string(idleCapFor(descriptorLimit(), options.workers)).c_str(), true);
     return -1;
 }
 

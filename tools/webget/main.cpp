@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <memory>
 
+#include "descriptors.h"
 #include "shard.h"
 #include "webget.h"
 
@@ -65,6 +66,7 @@ void keepShare(const Options& options, std::vector<Job>& jobs) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    raiseDescriptorLimit();
     Options options;
     int status = parseCommandLine(argc, argv, options);
     if (status >= 0) return status;
