@@ -1,5 +1,6 @@
 #include "batch/digest_stream.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -66,12 +67,38 @@ DigestStream::DigestStream(const EVP_MD* digest, bool stale)
 }
 
 DigestStream::~DigestStream() {
+    if (m_reader.joinable()) m_reader.join();
     if (m_context != nullptr) EVP_MD_CTX_destroy(m_context);
 }
 
-void DigestStream::seed(const std::map<long long, long long>& ranges) {
-    std::lock_guard<std::mutex> lock(m_lock);
-    for (const auto& range : ranges) m_ahead.emplace(range.first, range.second);
+void DigestStream::seed(const std::map<long long, long long>& ranges, const std::string& path) {
+    std::unique_lock<std::mutex> lock(m_lock);
+    m_path = path;
+    for (const auto& range : ranges) {
+        m_ahead.emplace(range.first, range.second);
+        m_kept.emplace(range.first, range.second);
+    }
+    // Kept bytes that lead the file are hashed beside its first requests.
+    if (!m_busy && !m_ahead.empty() && m_ahead.begin()->first == m_hashed) {
+        m_busy = true;
+        startReader(lock);
+    }
+}
+
+void DigestStream::startReader(std::unique_lock<std::mutex>&) {
+    // A reader that ended has let go of the lock for good; only its thread
+    // is left to join.
+    if (m_reader.joinable()) m_reader.join();
+    m_reader = std::thread([this] { readKept(); });
+}
+
+void DigestStream::readKept() {
+    const int fd = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
+    std::unique_lock<std::mutex> lock(m_lock);
+    if (fd < 0) m_stale = true;  // finish() hashes the file from disk, or fails
+    followPrefix(lock, fd, true);
+    lock.unlock();
+    if (fd >= 0) ::close(fd);
 }
 
 void DigestStream::written(int fd, long long offset, const char* data, size_t size) {
@@ -109,9 +136,16 @@ void DigestStream::written(int fd, long long offset, const char* data, size_t si
 }
 
 // With the lock held and m_busy set: takes in the pieces other workers wrote
-// just ahead of the prefix, reading them back from the file.
-void DigestStream::followPrefix(std::unique_lock<std::mutex>& lock, int fd) {
+// just ahead of the prefix, reading them back from the file. Kept bytes of
+// an earlier run go to the reader (`reader`: this is it), which then follows
+// the prefix on.
+void DigestStream::followPrefix(std::unique_lock<std::mutex>& lock, int fd, bool reader) {
     while (!m_stale && !m_ahead.empty() && m_ahead.begin()->first == m_hashed) {
+        if (!reader && m_kept.count(m_hashed) != 0) {
+            startReader(lock);  // m_busy passes to it
+            return;
+        }
+        m_kept.erase(m_hashed);
         const long long from = m_hashed, to = m_ahead.begin()->second;
         m_ahead.erase(m_ahead.begin());
         m_claimed = to;
@@ -125,6 +159,8 @@ void DigestStream::followPrefix(std::unique_lock<std::mutex>& lock, int fd) {
 }
 
 std::string DigestStream::finish(const std::string& path, const std::function<int(const std::string&)>& open) {
+    // The workers are done with this file; the reader may still be reading.
+    if (m_reader.joinable()) m_reader.join();
     std::lock_guard<std::mutex> lock(m_lock);
     if (m_context == nullptr) return std::string();
     // The workers are done with this file: everything ahead is on disk.

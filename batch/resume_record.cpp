@@ -182,8 +182,15 @@ void ResumeRecord::keep(const Ranges& ranges, const std::string& validator) {
     m_done = ranges;
     m_validator = validator;
     m_unsaved = 0;
-    // What was kept is on disk since an earlier run: nothing to sync.
-    save(m_done, m_validator);
+    // What was kept is on disk since an earlier run: nothing to sync. With
+    // nothing kept there is nothing to name yet: the keeper writes the first
+    // record once bytes have landed, and an earlier one goes now, as it no
+    // longer tells what the target holds (a batch of many small files pays
+    // for no record a file).
+    if (ranges.empty())
+        ::unlink(m_path.c_str());
+    else
+        save(m_done, m_validator);
 }
 
 std::string ResumeRecord::validator() const {

@@ -45,8 +45,9 @@ public:
     static Ranges onDisk(const std::string& target, const std::string& url, long long size, std::string& validator,
                          std::string& why);
 
-    // Starts the record with what is on disk and writes it at once, so that
-    // every byte the batch writes afterwards is covered by a record.
+    // Starts the record with what is on disk and writes it at once (with
+    // nothing kept, removes an earlier one: a target without a record is
+    // trusted only as a plain prefix without holes).
     void keep(const Ranges& ranges, const std::string& validator);
     const Ranges& kept() const { return m_kept; }
     long long size() const { return m_size; }

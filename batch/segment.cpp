@@ -372,7 +372,9 @@ bool startOverIfContinued(Attempt& a) {
 // over instead; it is only kept whole, from then on not cut.
 void fetchWhole(Attempt& a, Body& body) {
     if (WorkShare* share = a.job->share) {
-        const bool continued = a.channel.resumeRecord(a.job->url) != nullptr;
+        // Only a file that kept bytes of an earlier run may start over.
+        const ResumeRecord* resume = a.channel.resumeRecord(a.job->url);
+        const bool continued = resume != nullptr && !resume->kept().empty();
         a.folded = share->wholeFile(a.thread, *a.job, !continued);
         for (httpGetJob* piece : a.folded) {
             piece->cursor = piece->start;

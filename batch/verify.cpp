@@ -153,7 +153,7 @@ void webChannel::attachDigestStreams() {
                 stream = std::make_unique<DigestStream>(digest, written.count(job.url) != 0);
                 // The bytes an earlier run left are read back from the file
                 // as the prefix reaches them.
-                if (resume != nullptr) stream->seed(resume->kept());
+                if (resume != nullptr) stream->seed(resume->kept(), job.file);
             }
             // The control record notes the bytes, then passes them on.
             if (resume != nullptr)
