@@ -115,17 +115,16 @@ mkdir tmp && for want in "0 $http/m10.bin" "0 $https/m10.bin" "0 $py/m10.bin" "1
     echo "ok   -O - ${want#* }" || fail "-O - ${want#* }: status $status"
 done
 # Size-only files are cut into ranges too: from the slow server (4 MB/s a connection) the file arrives through
-# several ranged requests; from http.server, which ignores ranges, through one request for the whole file.
+# several ranged requests; from http.server, which ignores ranges, whole all the same (each piece of a file
+# kept under a control record asks on its own).
 from=$(($(wc -l <"$SLOW_ACCESS_LOG") + 1))
 check "a size-only URL in ranges" 0 'all verified' -- -j 8 -d ranged "http://127.0.0.1:$SLOW_PORT/m10.bin" &&
   same ranged/m10.bin "$WWW/m10.bin"
 ranged=$(tail -n +"$from" "$SLOW_ACCESS_LOG" | awk '$7 == "/m10.bin" && $9 == 206' | wc -l)
 ((ranged >= 4)) || fail "a size-only URL: $ranged ranged requests"
-echo "$py/m10.bin whole/m10.bin $(stat -c %s "$WWW/m10.bin")" >whole.txt && from=$(($(wc -l <py.log) + 1))
+echo "$py/m10.bin whole/m10.bin $(stat -c %s "$WWW/m10.bin")" >whole.txt
 check "a size-only file from a server that ignores ranges" 0 'all verified' -- -j 8 -i whole.txt &&
   same whole/m10.bin "$WWW/m10.bin"
-asked=$(tail -n +"$from" py.log | grep -c '"GET /m10.bin')
-((asked == 1)) || fail "a server that ignores ranges: asked $asked times"
 printf '%s\n' "$py/varied/v001.bin p/v1.bin 7920 $(digest varied/v001.bin)" "$py/m1.bin p/m1.bin" >py.txt
 check "batch from http.server" 0 'all verified' -- -i py.txt -d py && same py/p/m1.bin "$WWW/m1.bin"
 check "-o from http.server" 0 'saved' -- -o py.bin "$py/m1.bin" && same py.bin "$WWW/m1.bin"
@@ -161,9 +160,13 @@ cause "probe: TLS" "-3033: 127.0.0.1:$HTTP_PORT: TLS handshake failed: .+ \(size
   "https://127.0.0.1:$HTTP_PORT/five.bin"
 cause "probe: scheme" "-3000: ftp://.+: unsupported scheme \(http and https only\) \(size probe failed\)" \
   -d failing "ftp://127.0.0.1:$HTTP_PORT/five.bin"
-cause "target not creatable" "-3054: blocker/five.bin: cannot create: Not a directory" -i blocked.txt
-cause "batch job" "-3052: $http/nope.bin: HTTP 404 Not Found" -i missing.txt -d failing
+cause "target not creatable" "-3054: blocker/five.bin.part: cannot create: Not a directory" -i blocked.txt
+# A failed download leaves the file the target held as it was, and nothing beside it.
+mkdir kept && echo "an earlier version" | tee kept/missing.bin got.bin >earlier
+cause "batch job" "-3052: $http/nope.bin: HTTP 404 Not Found" -i missing.txt -d kept
+same kept/missing.bin earlier && { [[ $(ls kept) == missing.bin ]] || fail "batch job: more than the target"; }
 cause "single GET" "-3052: $http/nope.bin: HTTP 404 Not Found" -o got.bin "$http/nope.bin"
+same got.bin earlier && { [[ ! -e got.bin.part ]] || fail "single GET: got.bin.part left"; }
 # Servers are verified unless -k: against --cacert's anchors (here a hashed directory), else the system's store.
 good="https://127.0.0.1:$TLS_PORT_good/five.bin"
 check "--cacert DIR: a verified GET" 0 -- --cacert "$TRUST_DIR" -o good.bin "$good" && same good.bin "$WWW/five.bin"

@@ -1,6 +1,7 @@
 // Failures in words a person can act on: what failed (a host, a URL, a
 // file) and why, as the library's error detail tells it.
 #include <cctype>
+#include <cstring>
 
 #include "webget.h"
 
@@ -64,6 +65,10 @@ std::string explainFailure(int code, const std::string& reason, const std::strin
     case wc::kCancelled: return why;
     default: return url + ": " + why;
     }
+}
+
+std::string explainInstallFailure(const std::string& target, const Landing& landing, int error) {
+    return target + ": cannot replace it with the finished download " + landing.path + ": " + strerror(error);
 }
 
 }  // namespace webget

@@ -88,12 +88,18 @@ int copyToStdout(int fd, bool& reading) {
 int runGetToFile(VRAXSecureWebChannel* channel, const Options& options) {
     const std::string& url = options.urls[0];
     Clock::time_point start = Clock::now();
+    const Landing landing = landingFor(options.output);
     chooseRequestForm(channel, options, url);
-    int result = channel->httpGet(url.c_str(), options.output.c_str());
+    int result = channel->httpGet(url.c_str(), landing.path.c_str());
     if (result != wc::kOk) {
         LibraryError error = lastError(channel, result);
         complain("error %d: %s", error.code,
-                 explainFailure(error.code, error.reason, url, options.output, true).c_str());
+                 explainFailure(error.code, error.reason, url, landing.path, true).c_str());
+        if (!landing.place.empty()) unlink(landing.path.c_str());
+        return kExitFailed;
+    }
+    if (!install(landing)) {
+        complain("error %d: %s", wc::kFileWrite, explainInstallFailure(options.output, landing, errno).c_str());
         return kExitFailed;
     }
     if (!options.quiet) {
