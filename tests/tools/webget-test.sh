@@ -125,6 +125,29 @@ ranged=$(tail -n +"$from" "$SLOW_ACCESS_LOG" | awk '$7 == "/m10.bin" && $9 == 20
 echo "$py/m10.bin whole/m10.bin $(stat -c %s "$WWW/m10.bin")" >whole.txt
 check "a size-only file from a server that ignores ranges" 0 'all verified' -- -j 8 -i whole.txt &&
   same whole/m10.bin "$WWW/m10.bin"
+# -c -o FILE continues FILE where it ends, asking only for the rest; a FILE as long as the server's is left as
+# complete, one longer is replaced by a new copy.
+slow="http://127.0.0.1:$SLOW_PORT/m10.bin" && head -c 3145728 "$WWW/m10.bin" >c.bin
+from=$(($(wc -l <"$SLOW_ACCESS_LOG") + 1))
+check "-c -o continues FILE" 0 '^webget: continuing c.bin at byte 3145728 of 10485760$' -- -c -o c.bin "$slow" &&
+  same c.bin "$WWW/m10.bin"
+ranges=$(tail -n +"$from" "$SLOW_ACCESS_LOG" | sed -nE 's/.*"bytes=([0-9]+)-[0-9]+"$/\1/p' | sort -n | tr '\n' ' ')
+[[ $ranges == "3145728 "* ]] || fail "-c -o: asked for the ranges from $ranges"
+from=$(($(wc -l <"$SLOW_ACCESS_LOG") + 1))
+check "-c -o: a complete FILE" 0 'c.bin is already complete: .* \(10485760 bytes\); nothing to fetch' \
+  -- -c -o c.bin "$slow"
+[[ -z $(tail -n +"$from" "$SLOW_ACCESS_LOG" | grep '"bytes=') ]] || fail "-c -o: a complete FILE fetched again"
+echo more >>c.bin
+check "-c -o: a longer FILE" 0 'c.bin cannot be continued: it is 10485765 bytes, longer than the file on the server' \
+  -- -c -o c.bin "$slow" && same c.bin "$WWW/m10.bin"
+# An -o stopped part-way leaves FILE as it was; -c -o then continues what it left in FILE.part.
+echo "an earlier version" >earlier && cp earlier o.bin
+"$webget" -o o.bin "$slow" >/dev/null 2>&1 </dev/null & pid=$!
+for ((i = 0; i < 400; i++)); do (($(stat -c %s o.bin.part 2>/dev/null || echo 0) >= 1 << 20)) && break; sleep 0.05; done
+kill -TERM $pid && wait $pid
+same o.bin earlier && { [[ -s o.bin.part ]] || fail "an interrupted -o: no o.bin.part"; }
+check "-c -o after an interrupted -o" 0 '^webget: continuing the download in o.bin.part$' -- -c -o o.bin "$slow" &&
+  same o.bin "$WWW/m10.bin" && { [[ ! -e o.bin.part ]] || fail "-c -o after an interrupted -o: o.bin.part left"; }
 printf '%s\n' "$py/varied/v001.bin p/v1.bin 7920 $(digest varied/v001.bin)" "$py/m1.bin p/m1.bin" >py.txt
 check "batch from http.server" 0 'all verified' -- -i py.txt -d py && same py/p/m1.bin "$WWW/m1.bin"
 check "-o from http.server" 0 'saved' -- -o py.bin "$py/m1.bin" && same py.bin "$WWW/m1.bin"
@@ -162,7 +185,7 @@ cause "probe: scheme" "-3000: ftp://.+: unsupported scheme \(http and https only
   -d failing "ftp://127.0.0.1:$HTTP_PORT/five.bin"
 cause "target not creatable" "-3054: blocker/five.bin.part: cannot create: Not a directory" -i blocked.txt
 # A failed download leaves the file the target held as it was, and nothing beside it.
-mkdir kept && echo "an earlier version" | tee kept/missing.bin got.bin >earlier
+mkdir kept && cp earlier kept/missing.bin && cp earlier got.bin
 cause "batch job" "-3052: $http/nope.bin: HTTP 404 Not Found" -i missing.txt -d kept
 same kept/missing.bin earlier && { [[ $(ls kept) == missing.bin ]] || fail "batch job: more than the target"; }
 cause "single GET" "-3052: $http/nope.bin: HTTP 404 Not Found" -o got.bin "$http/nope.bin"

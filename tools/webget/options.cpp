@@ -72,7 +72,7 @@ const OptionDoc kOptions[] = {
     {"output", kOptOutput, "FILE",
      "Single GET of one URL into FILE. The body lands in FILE.part beside it, which replaces FILE once the GET "
      "is complete; a failed GET removes FILE.part and leaves FILE as it was. A FILE that is not a regular file "
-     "(/dev/null, a FIFO) is written in place."},
+     "(/dev/null, a FIFO) is written in place. With -c: continue FILE (see -c)."},
     {"stdout", kOptStdout, "-",
      "Single GET of one URL to standard output ('-O -'): the whole body, whatever its size, written once it "
      "is complete. It is kept until then in a temporary file in $TMPDIR (default /tmp), removed afterwards, "
@@ -109,12 +109,16 @@ const OptionDoc kOptions[] = {
      "Do not ask for sizes before the batch: sizes come from the responses and whole files are dealt to the "
      "workers in turn (no splitting of large files)."},
     {"continue", kOptContinue, nullptr,
-     "Batches: continue what an earlier run left. Every batch keeps a control record beside each TARGET.part "
+     "Continue what an earlier run left. Batches: every batch keeps a control record beside each TARGET.part "
      "while it is incomplete (TARGET.part.resume: the byte ranges on disk, updated at least every 4 MiB and "
      "every second); a run with -c fetches only the ranges it lacks and verifies the whole file, while a run "
      "without -c starts a TARGET.part over. Without a record, a TARGET.part shorter than its size is continued "
      "at its end, unless it has holes. An interrupt (Ctrl-C, SIGTERM) records the state before webget exits. "
-     "A server that ignores ranges makes the file start over."},
+     "With -o FILE: continues FILE.part when an interrupted -o left one, else FILE itself, by its record or at "
+     "its end. A FILE as long as the server's file is taken as complete and left alone; a FILE longer than the "
+     "server's, or one with holes and no record, cannot be continued: webget says so and fetches the file "
+     "again whole into FILE.part. A server that ignores ranges sends the whole file, which is then written "
+     "again from its first byte."},
     {"log", kOptLog, "FILE", "Write the library's log to FILE."},
     {"library", kOptLibrary, "PATH",
      "Load the library from PATH (also: environment variable WEBGET_LIBRARY). Default: ../libwebchannel.so "
@@ -351,6 +355,9 @@ int checkModes(const Options& options) {
     if (options.shardCount > 1 && single) return usage("%s", "--shard only applies to batches");
     if (!options.checksumFiles.empty() && single) return usage("%s", "--checksums only applies to batches");
     if (options.insecure && !options.caCert.empty()) return usage("%s", "--cacert and -k exclude each other");
+    if (options.resume && (options.toStdout || options.post)) return usage("%s", "-c only applies to batches and -o");
+    if (options.resume && options.unknownSize && !options.output.empty())
+        return usage("%s", "-c -o continues by the file's size: not with --unknown-size");
     return -1;
 }
 

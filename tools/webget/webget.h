@@ -272,6 +272,8 @@ void printJson(const std::vector<Job>& listed, const std::vector<Outcome>& outco
 // ---- the modes: batch.cpp, get.cpp, post.cpp ----
 int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<Job> wanted);
 int runGetToFile(VRAXSecureWebChannel* channel, const Options& options);
+// -c -o FILE: continues FILE.part, or FILE itself, through a one-job batch.
+int runContinueToFile(VRAXSecureWebChannel* channel, const Options& options);
 int runGetToStdout(VRAXSecureWebChannel* channel, const Options& options);
 int runPost(VRAXSecureWebChannel* channel, const Options& options);
 // Writes to standard output and flushes; false on failure.
