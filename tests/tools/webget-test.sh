@@ -114,6 +114,17 @@ mkdir tmp && for want in "0 $http/m10.bin" "0 $https/m10.bin" "0 $py/m10.bin" "1
   [[ $status == "${want%% *}" && ($status != 0 || $sum == "$(digest m10.bin)  -") && -z $(ls tmp) ]] &&
     echo "ok   -O - ${want#* }" || fail "-O - ${want#* }: status $status"
 done
+# A full $TMPDIR is named as such: a 64 KiB tmpfs in a mount namespace of its own, where one can be made.
+full="webget: error -3054: cannot write the temporary file in $work/full: No space left on device"
+namespace=-m && unshare -m true 2>/dev/null || namespace=-Urm
+if mkdir full && unshare $namespace mount -t tmpfs -o size=64k tmpfs full 2>/dev/null; then
+  unshare $namespace bash -c 'mount -t tmpfs -o size=64k tmpfs full && TMPDIR=$PWD/full "$@"' - \
+    "$webget" -O - "$http/m1.bin" >out.txt 2>err.txt </dev/null
+  status=$? && ((status == 1)) && grep -qx "$full (set TMPDIR to a folder with room for the whole file)" err.txt &&
+    echo "ok   -O - with a full \$TMPDIR" || fail "-O - with a full \$TMPDIR: status $status"
+else
+  echo "skip -O - with a full \$TMPDIR: no mount namespace here"
+fi
 # Size-only files are cut into ranges too: from the slow server (4 MB/s a connection) the file arrives through
 # several ranged requests; from http.server, which ignores ranges, whole all the same (each piece of a file
 # kept under a control record asks on its own).
@@ -190,6 +201,7 @@ cause "batch job" "-3052: $http/nope.bin: HTTP 404 Not Found" -i missing.txt -d 
 same kept/missing.bin earlier && { [[ $(ls kept) == missing.bin ]] || fail "batch job: more than the target"; }
 cause "single GET" "-3052: $http/nope.bin: HTTP 404 Not Found" -o got.bin "$http/nope.bin"
 same got.bin earlier && { [[ ! -e got.bin.part ]] || fail "single GET: got.bin.part left"; }
+cause "-o: a failed write" "-3054: /dev/full: cannot write: No space left on device" -o /dev/full "$http/m1.bin"
 # Servers are verified unless -k: against --cacert's anchors (here a hashed directory), else the system's store.
 good="https://127.0.0.1:$TLS_PORT_good/five.bin"
 check "--cacert DIR: a verified GET" 0 -- --cacert "$TRUST_DIR" -o good.bin "$good" && same good.bin "$WWW/five.bin"

@@ -76,7 +76,8 @@ const OptionDoc kOptions[] = {
     {"stdout", kOptStdout, "-",
      "Single GET of one URL to standard output ('-O -'): the whole body, whatever its size, written once it "
      "is complete. It is kept until then in a temporary file in $TMPDIR (default /tmp), removed afterwards, "
-     "also on failure or when a signal ends webget. '-O FILE' is the same as '-o FILE'."},
+     "also on failure or when a signal ends webget; that folder must have room for the whole body. '-O FILE' "
+     "is the same as '-o FILE'."},
     {"post", kOptPost, "DATA",
      "POST DATA ('@FILE' reads it from FILE) to one URL and print the answer's body on standard output (the "
      "status line goes to standard error). The request asks the server to close the connection after its "

@@ -68,6 +68,9 @@ LibraryError lastError(VRAXSecureWebChannel* channel, int result);
 // being created, not written).
 std::string explainFailure(int code, const std::string& reason, const std::string& url, const std::string& target,
                            bool creating = false);
+// A temporary file of -O - that could not be written, naming its folder:
+// "cannot write the temporary file in /tmp: No space left on device (...)".
+std::string explainTemporaryFailure(const std::string& directory, const std::string& reason);
 struct Landing;
 // A finished download that could not be renamed over its target (`error`:
 // the errno of the rename).
