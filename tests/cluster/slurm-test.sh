@@ -32,7 +32,7 @@ served() { awk -v from="$1" 'NR == FNR {want["/slow/" $1]; next} FNR >= from && 
 # again for that share).
 check() {
   python3 - "$WWW" "$@" <<'EOF'
-import collections, filecmp, json, sys
+import collections, filecmp, json, os, sys
 www, mode, data = sys.argv[1:4]
 listed = {line.split()[1]: int(line.split()[2]) for line in open("manifest.txt")}
 def account(k):
@@ -40,8 +40,8 @@ def account(k):
 def targets(jobs):
     return {job["target"].rsplit("/", 1)[1] for job in jobs}
 share = set(open("share.txt").read().split()) if mode != "array" else set()
-def same(t):
-    return filecmp.cmp(f"{www}/{t}", f"{data}/files/{t}", shallow=False)
+def same(t):  # a file still under way is not there yet
+    return os.path.exists(f"{data}/files/{t}") and filecmp.cmp(f"{www}/{t}", f"{data}/files/{t}", shallow=False)
 def served(log):  # bytes sent per file, every request a GET answered 200 or 206
     sent = collections.Counter()
     for line in open(log):
@@ -51,7 +51,7 @@ def served(log):  # bytes sent per file, every request a GET answered 200 or 206
     return sent
 def recorded(t):  # bytes the record of an unfinished file names, None without one
     try:
-        return sum(int(b) - int(a) for _, a, b in (l.split() for l in open(f"{data}/files/{t}.resume") if l.startswith("range ")))
+        return sum(int(b) - int(a) for _, a, b in (l.split() for l in open(f"{data}/files/{t}.part.resume") if l.startswith("range ")))
     except FileNotFoundError:
         return None
 if mode == "array":

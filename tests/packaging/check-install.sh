@@ -16,7 +16,8 @@ run cmake --install "$build" --prefix "$prefix"
 real=$(find "$prefix" -name 'libwebchannel.so.*.*.*' -type f | head -n 1)
 [[ -n $real ]] || die "no libwebchannel.so.X.Y.Z installed"
 libdir=$(dirname "$real")
-objdump -p "$real" | grep -Eq '^ *SONAME +libwebchannel\.so\.1$' || die "SONAME is not libwebchannel.so.1"
+# Read whole: grep -q would stop early and, under pipefail, fail the pipe on objdump's SIGPIPE.
+objdump -p "$real" | grep -E '^ *SONAME +libwebchannel\.so\.1$' >/dev/null || die "SONAME is not libwebchannel.so.1"
 
 check_host() { # program: runs on the installed library and prints what host.cpp should
   local loaded output

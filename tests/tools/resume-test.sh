@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # webget -c across runs, against nginx's slow server: a run killed with SIGKILL or stopped with SIGTERM
-# part-way, then a run that continues it. Run by CTest as tools.resume;
+# part-way, then a run that continues it; the file the target held before stays as it was until the
+# continued download is complete. Run by CTest as tools.resume;
 # by hand: tests/tools/resume-test.sh build/tools/webget build/test-env
 set -uo pipefail
 (($# == 2)) && [[ -r $2/peers.env ]] || { echo "usage: $0 <webget> <test-env dir with running peers>" >&2; exit 2; }
@@ -11,7 +12,7 @@ mkdir -p "$2/tmp" && work=$(mktemp -d "$2/tmp/resume.XXXXXX") && cd "$work" || e
 trap 'rm -rf "$work"' EXIT
 path=/m40.bin size=$(stat -c %s "$WWW/m40.bin") digest=$(sha256sum <"$WWW/m40.bin" | cut -d' ' -f1)
 echo "http://127.0.0.1:$SLOW_PORT$path m40.bin $size $digest" >manifest
-target=t/m40.bin record=t/m40.bin.resume pieces=4 step=$((4 << 20)) failures=0
+name=t/m40.bin target=t/m40.bin.part record=t/m40.bin.part.resume pieces=4 step=$((4 << 20)) failures=0
 fail() { echo "FAIL $*"; sed 's/^/    | /' ./*.err 2>/dev/null | head -20; failures=$((failures + 1)); }
 
 recorded() { awk '/^range /{n += $3 - $2} END {print n + 0}' "$record" 2>/dev/null || echo 0; }
@@ -39,15 +40,18 @@ EOF
 # Polls (at most 20 s) until the command succeeds.
 until_true() { for ((i = 0; i < 400; i++)); do "$@" && return 0; sleep 0.05; done; return 1; }
 
+# The killed run has no -c: webget keeps the record of what it writes all the same.
 for signal in KILL TERM; do
-  rm -rf t
-  "$webget" -c -q -j $pieces -T 20 -d t -i manifest >first.out 2>first.err &
+  first=() && [[ $signal == KILL ]] || first=(-c)
+  rm -rf t && mkdir t && echo "an earlier version" >"$name" && cp "$name" earlier
+  "$webget" "${first[@]}" -q -j $pieces -T 20 -d t -i manifest >first.out 2>first.err &
   pid=$!
   until_true eval '(($(recorded) >= 2 * step))' || fail "$signal: no record of 8 MiB written"
   kill -"$signal" $pid
   wait $pid
   status=$?
   [[ $signal == KILL ]] || ((status == 130)) || fail "$signal: status $status, wanted 130"
+  cmp -s "$name" earlier || fail "$signal: the interrupted run changed $name"
   kept=$(recorded) unrecorded=$(($(allocated) - $(recorded))) && cp "$record" kept.record
   # Killed, each piece may have written up to a step past its last update; stopped, the record is brought
   # up to date before webget exits (the disk rounds each piece up to a block).
@@ -60,8 +64,8 @@ for signal in KILL TERM; do
   "$webget" -c -q -j $pieces -T 20 -d t -i manifest >second.out 2>second.err || fail "$signal: second run failed"
   asked "$from" >asked.txt
   only_missing asked.txt kept.record || fail "$signal: not only the missing ranges were asked for"
-  cmp -s "$target" "$WWW/m40.bin" || fail "$signal: the continued file differs"
-  [[ ! -e $record ]] || fail "$signal: the record outlived the verified file"
+  cmp -s "$name" "$WWW/m40.bin" || fail "$signal: the continued file differs"
+  [[ ! -e $record && ! -e $target ]] || fail "$signal: $target or its record outlived the verified file"
   ((failures)) || echo "ok   $signal: $kept bytes kept, $(wc -l <asked.txt) ranges asked for again"
 done
 exit $((failures > 0))

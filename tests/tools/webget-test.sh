@@ -114,6 +114,17 @@ mkdir tmp && for want in "0 $http/m10.bin" "0 $https/m10.bin" "0 $py/m10.bin" "1
   [[ $status == "${want%% *}" && ($status != 0 || $sum == "$(digest m10.bin)  -") && -z $(ls tmp) ]] &&
     echo "ok   -O - ${want#* }" || fail "-O - ${want#* }: status $status"
 done
+# A full $TMPDIR is named as such: a 64 KiB tmpfs in a mount namespace of its own, where one can be made.
+full="webget: error -3054: cannot write the temporary file in $work/full: No space left on device"
+namespace=-m && unshare -m true 2>/dev/null || namespace=-Urm
+if mkdir full && unshare $namespace mount -t tmpfs -o size=64k tmpfs full 2>/dev/null; then
+  unshare $namespace bash -c 'mount -t tmpfs -o size=64k tmpfs full && TMPDIR=$PWD/full "$@"' - \
+    "$webget" -O - "$http/m1.bin" >out.txt 2>err.txt </dev/null
+  status=$? && ((status == 1)) && grep -qx "$full (set TMPDIR to a folder with room for the whole file)" err.txt &&
+    echo "ok   -O - with a full \$TMPDIR" || fail "-O - with a full \$TMPDIR: status $status"
+else
+  echo "skip -O - with a full \$TMPDIR: no mount namespace here"
+fi
 # Size-only files are cut into ranges too: from the slow server (4 MB/s a connection) the file arrives through
 # several ranged requests; from http.server, which ignores ranges, through one request for the whole file.
 from=$(($(wc -l <"$SLOW_ACCESS_LOG") + 1))
@@ -126,6 +137,29 @@ check "a size-only file from a server that ignores ranges" 0 'all verified' -- -
   same whole/m10.bin "$WWW/m10.bin"
 asked=$(tail -n +"$from" py.log | grep -c '"GET /m10.bin')
 ((asked == 1)) || fail "a server that ignores ranges: asked $asked times"
+# -c -o FILE continues FILE where it ends, asking only for the rest; a FILE as long as the server's is left as
+# complete, one longer is replaced by a new copy.
+slow="http://127.0.0.1:$SLOW_PORT/m10.bin" && head -c 3145728 "$WWW/m10.bin" >c.bin
+from=$(($(wc -l <"$SLOW_ACCESS_LOG") + 1))
+check "-c -o continues FILE" 0 '^webget: continuing c.bin at byte 3145728 of 10485760$' -- -c -o c.bin "$slow" &&
+  same c.bin "$WWW/m10.bin"
+ranges=$(tail -n +"$from" "$SLOW_ACCESS_LOG" | sed -nE 's/.*"bytes=([0-9]+)-[0-9]+"$/\1/p' | sort -n | tr '\n' ' ')
+[[ $ranges == "3145728 "* ]] || fail "-c -o: asked for the ranges from $ranges"
+from=$(($(wc -l <"$SLOW_ACCESS_LOG") + 1))
+check "-c -o: a complete FILE" 0 'c.bin is already complete: .* \(10485760 bytes\); nothing to fetch' \
+  -- -c -o c.bin "$slow"
+[[ -z $(tail -n +"$from" "$SLOW_ACCESS_LOG" | grep '"bytes=') ]] || fail "-c -o: a complete FILE fetched again"
+echo more >>c.bin
+check "-c -o: a longer FILE" 0 'c.bin cannot be continued: it is 10485765 bytes, longer than the file on the server' \
+  -- -c -o c.bin "$slow" && same c.bin "$WWW/m10.bin"
+# An -o stopped part-way leaves FILE as it was; -c -o then continues what it left in FILE.part.
+echo "an earlier version" >earlier && cp earlier o.bin
+"$webget" -o o.bin "$slow" >/dev/null 2>&1 </dev/null & pid=$!
+for ((i = 0; i < 400; i++)); do (($(stat -c %s o.bin.part 2>/dev/null || echo 0) >= 1 << 20)) && break; sleep 0.05; done
+kill -TERM $pid && wait $pid
+same o.bin earlier && { [[ -s o.bin.part ]] || fail "an interrupted -o: no o.bin.part"; }
+check "-c -o after an interrupted -o" 0 '^webget: continuing the download in o.bin.part$' -- -c -o o.bin "$slow" &&
+  same o.bin "$WWW/m10.bin" && { [[ ! -e o.bin.part ]] || fail "-c -o after an interrupted -o: o.bin.part left"; }
 printf '%s\n' "$py/varied/v001.bin p/v1.bin 7920 $(digest varied/v001.bin)" "$py/m1.bin p/m1.bin" >py.txt
 check "batch from http.server" 0 'all verified' -- -i py.txt -d py && same py/p/m1.bin "$WWW/m1.bin"
 check "-o from http.server" 0 'saved' -- -o py.bin "$py/m1.bin" && same py.bin "$WWW/m1.bin"
@@ -161,9 +195,14 @@ cause "probe: TLS" "-3033: 127.0.0.1:$HTTP_PORT: TLS handshake failed: .+ \(size
   "https://127.0.0.1:$HTTP_PORT/five.bin"
 cause "probe: scheme" "-3000: ftp://.+: unsupported scheme \(http and https only\) \(size probe failed\)" \
   -d failing "ftp://127.0.0.1:$HTTP_PORT/five.bin"
-cause "target not creatable" "-3054: blocker/five.bin: cannot create: Not a directory" -i blocked.txt
-cause "batch job" "-3052: $http/nope.bin: HTTP 404 Not Found" -i missing.txt -d failing
+cause "target not creatable" "-3054: blocker/five.bin.part: cannot create: Not a directory" -i blocked.txt
+# A failed download leaves the file the target held as it was, and nothing beside it.
+mkdir kept && cp earlier kept/missing.bin && cp earlier got.bin
+cause "batch job" "-3052: $http/nope.bin: HTTP 404 Not Found" -i missing.txt -d kept
+same kept/missing.bin earlier && { [[ $(ls kept) == missing.bin ]] || fail "batch job: more than the target"; }
 cause "single GET" "-3052: $http/nope.bin: HTTP 404 Not Found" -o got.bin "$http/nope.bin"
+same got.bin earlier && { [[ ! -e got.bin.part ]] || fail "single GET: got.bin.part left"; }
+cause "-o: a failed write" "-3054: /dev/full: cannot write: No space left on device" -o /dev/full "$http/m1.bin"
 # Servers are verified unless -k: against --cacert's anchors (here a hashed directory), else the system's store.
 good="https://127.0.0.1:$TLS_PORT_good/five.bin"
 check "--cacert DIR: a verified GET" 0 -- --cacert "$TRUST_DIR" -o good.bin "$good" && same good.bin "$WWW/five.bin"

@@ -1,9 +1,11 @@
-// webget's pure helpers: the share plan of --shard, the checksum files of --checksums, the idle cap.
+// webget's pure helpers: the share plan of --shard, the checksum files of --checksums, the idle cap, whether
+// -c -o can continue a file.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 #include "tools/webget/checksum_file.h"
+#include "tools/webget/continue_plan.h"
 #include "tools/webget/descriptors.h"
 #include "tools/webget/shard.h"
 
@@ -84,4 +86,25 @@ TEST(WebgetDescriptors, TheIdleCapKeepsEveryWorkersPoolWithinHalfTheLimit) {
         {1024, 8, 21}, {1024, 64, 2}, {20000, 64, 52}, {1048576, 64, 2730}, {16, 64, 1}, {1024, 0, 170}};
     for (const auto& [limit, workers, cap] : rows)
         EXPECT_EQ(idleCapFor(limit, workers), cap) << limit << " " << workers;
+}
+
+TEST(WebgetContinue, ContinuesOnlyAFileThatCanBeAPartOfTheServersOne) {
+    using V = ContinueVerdict;
+    const struct {
+        FileFacts facts;  // length, record, holes, size
+        V verdict;
+        const char* words;
+    } rows[] = {
+        {{100, false, false, 400}, V::kContinue, "continuing f at byte 100 of 400"},
+        {{400, true, true, 400}, V::kContinue, "continuing f from its control record"},
+        {{400, false, false, 400}, V::kComplete, "f is already complete: it is as long as the file on the server (400 "
+                                                 "bytes); nothing to fetch"},
+        {{401, true, false, 400}, V::kLonger, "f cannot be continued: it is 401 bytes, longer than the file on the "
+                                              "server (400 bytes); fetching the file again whole"},
+        {{100, false, true, 400}, V::kHoles, "f cannot be continued: it has holes"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(continueVerdict(row.facts), row.verdict) << row.words;
+        EXPECT_EQ(continueMessage(row.verdict, "f", row.facts).rfind(row.words, 0), 0u) << row.words;
+    }
 }

@@ -2,6 +2,7 @@
 // progress display, then say what failed and sum up.
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 
@@ -29,6 +30,30 @@ void listNotCompleted(const std::vector<Job>& jobs, const std::vector<int>& fail
     if (more > 0) complain("not completed: %d more", more);
 }
 
+std::string lowered(std::string text) {
+    for (char& c : text) c = (char)tolower((unsigned char)c);
+    return text;
+}
+
+// Whether the target already holds the job's digest. The library compares
+// digests exactly as given, and writes lower-case ones.
+bool holdsDigest(VRAXSecureWebChannel* channel, const Job& job) {
+    if (job.digest.empty() || !pathExists(job.target)) return false;
+    return channel->isValid(job.target.c_str(), lowered(job.digest).c_str(), lowered(job.algorithm).c_str()) == 1;
+}
+
+// The file a failure concerns: the file written for a file error, the
+// target otherwise.
+const std::string& failingFile(const Job& job, int code) {
+    return code == wc::kFileWrite ? job.landing.path : job.target;
+}
+
+void countUpToDate(const Options& options, BatchState& state, const Job& job, Outcome& outcome) {
+    ++state.upToDate;
+    outcome = {wc::kAlreadyPresent, true, true, fileSize(job.target)};
+    if (!options.quiet) fprintf(state.results, "up to date %s\n", job.target.c_str());
+}
+
 // Offers the jobs to the library until an interrupt; those it accepts go to
 // `jobs`, in addJob order: its job indexes. Returns how many were offered.
 size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vector<Job>& wanted,
@@ -37,14 +62,27 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
     for (; considered < wanted.size() && !gInterrupted.load(); ++considered) {
         Job& job = wanted[considered];
         Outcome& outcome = state.outcomes[considered];
+        // The library would compare the file it writes, PLACE.part: the
+        // target itself is compared here.
+        if (holdsDigest(channel, job)) {
+            countUpToDate(options, state, job, outcome);
+            continue;
+        }
+        job.landing = landingFor(job.target);
         const bool originForm = chooseRequestForm(channel, options, job.url);
-        int result = channel->addJob(job.url.c_str(), job.target.c_str(), job.size,
+        int result = channel->addJob(job.url.c_str(), job.landing.path.c_str(), job.size,
                                      job.digest.empty() ? nullptr : job.digest.c_str(),
                                      job.algorithm.empty() ? nullptr : job.algorithm.c_str());
+        // A run stopped between verifying a file and renaming it left the
+        // whole file in PLACE.part.
+        if (result == wc::kAlreadyPresent && install(job.landing)) {
+            countUpToDate(options, state, job, outcome);
+            continue;
+        }
         if (result == wc::kAlreadyPresent) {
-            ++state.upToDate;
-            outcome = {result, true, true, fileSize(job.target)};
-            if (!options.quiet) fprintf(state.results, "up to date %s\n", job.target.c_str());
+            ++state.refused;
+            outcome = {wc::kFileWrite, false, false, job.size};
+            complain("error %d: %s", wc::kFileWrite, explainInstallFailure(job.target, job.landing, errno).c_str());
             continue;
         }
         if (result < 0) {
@@ -58,12 +96,15 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
             LibraryError error = lastError(channel, result);
             outcome = {error.code, false, false, job.size};
             complain("error %d: %s%s", error.code,
-                     explainFailure(error.code, error.reason, job.url, job.target, true).c_str(),
+                     explainFailure(error.code, error.reason, job.url, failingFile(job, error.code), true).c_str(),
                      probeFailed ? " (size probe failed)" : "");
             continue;
         }
         // A job's request reads the form from the job's own parameters.
         if (originForm) channel->setParam(wc::kParamRelativeTarget, "", false);
+        // Without -c the library still keeps the control record, so that
+        // what this run leaves in PLACE.part a later run can continue.
+        if (!options.resume && !job.landing.place.empty()) channel->setParam(wc::kParamContinue, "1", false);
         if (job.size == 0 && !options.unknownSize) {
             // The probe leaves the announced length as the last response's.
             long long probed = 0;
@@ -109,7 +150,7 @@ LibraryError runJobs(VRAXSecureWebChannel* channel, BatchState& state) {
 int jobOfMessage(const std::vector<Job>& jobs, const std::vector<int>& failed, const std::string& message,
                  std::string& reason) {
     for (int index : failed) {
-        const std::string tail = ": " + jobs[index].target;
+        const std::string tail = ": " + jobs[index].landing.path;
         if (message.size() > tail.size() && message.compare(message.size() - tail.size(), tail.size(), tail) == 0) {
             reason = message.substr(0, message.size() - tail.size());
             return index;
@@ -136,7 +177,8 @@ int reportFailures(const BatchState& state, const std::vector<int>& failed, cons
         return -1;
     }
     const Job& job = jobs[named];
-    complain("error %d: %s", error.code, explainFailure(error.code, reason, job.url, job.target).c_str());
+    complain("error %d: %s", error.code,
+             explainFailure(error.code, reason, job.url, failingFile(job, error.code)).c_str());
     for (int index : failed)
         if (index != named && state.blamed.count(index) != 0)
             complain("failed: %s -> %s", jobs[index].url.c_str(), jobs[index].target.c_str());
@@ -153,7 +195,9 @@ int reportFailures(const BatchState& state, const std::vector<int>& failed, cons
 void settleOutcomes(BatchState& state, int named, const LibraryError& error) {
     for (size_t i = 0; i < state.listedAs.size(); ++i) {
         Outcome& outcome = state.outcomes[state.listedAs[i]];
-        if (state.handedOut[i]) {
+        if (state.notInstalled.count((int)i) != 0) {
+            outcome.result = wc::kFileWrite;
+        } else if (state.handedOut[i]) {
             long long size = fileSize((*state.jobs)[i].target);
             outcome = {wc::kOk, true, false, size >= 0 ? size : outcome.size};
         } else if ((int)i == named) {
@@ -189,8 +233,11 @@ int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<
     double seconds = std::chrono::duration<double>(Clock::now() - state.start).count();
     std::vector<int> failed;
     int named = -1;
-    for (size_t i = 0; i < jobs.size(); ++i)
-        if (!state.handedOut[i]) failed.push_back((int)i);
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        if (state.handedOut[i]) continue;
+        failed.push_back((int)i);
+        dropIfEmpty(jobs[i].landing);
+    }
     if (!failed.empty()) {
         if (error.code == wc::kOk) {
             error.code = gInterrupted.load() ? wc::kCancelled : wc::kInvalidArgument;
@@ -203,7 +250,7 @@ int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<
     // Jobs never offered to the library because of an interrupt.
     int notStarted = (int)(wanted.size() - considered);
     if (notStarted > 0) complain("interrupted: %d job(s) not started", notStarted);
-    int failures = (int)failed.size() + state.refused + notStarted;
+    int failures = (int)failed.size() + (int)state.notInstalled.size() + state.refused + notStarted;
     if (!options.quiet) {
         double rate = seconds > 0 ? state.handedBytes / seconds : 0;
         fprintf(stderr, "%s: %d downloaded, %d up to date, %d failed; %s in %.2f s (%s/s)%s\n", gProgram,

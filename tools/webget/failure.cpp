@@ -1,6 +1,8 @@
 // Failures in words a person can act on: what failed (a host, a URL, a
 // file) and why, as the library's error detail tells it.
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 
 #include "webget.h"
 
@@ -64,6 +66,18 @@ std::string explainFailure(int code, const std::string& reason, const std::strin
     case wc::kCancelled: return why;
     default: return url + ": " + why;
     }
+}
+
+std::string explainTemporaryFailure(const std::string& directory, const std::string& reason) {
+    std::string text =
+        "cannot write the temporary file in " + directory + ": " + (reason.empty() ? "unknown reason" : reason);
+    // The body is kept whole until it is complete, so the folder must hold all of it.
+    if (reason == strerror(ENOSPC)) text += " (set TMPDIR to a folder with room for the whole file)";
+    return text;
+}
+
+std::string explainInstallFailure(const std::string& target, const Landing& landing, int error) {
+    return target + ": cannot replace it with the finished download " + landing.path + ": " + strerror(error);
 }
 
 }  // namespace webget

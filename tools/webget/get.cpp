@@ -31,8 +31,8 @@ class TemporaryFile {
 public:
     TemporaryFile() {
         const char* directory = getenv("TMPDIR");
-        if (directory == nullptr || *directory == 0) directory = "/tmp";
-        int length = snprintf(gTemporaryPath, sizeof gTemporaryPath, "%s/webget.XXXXXX", directory);
+        m_directory = directory == nullptr || *directory == 0 ? "/tmp" : directory;
+        int length = snprintf(gTemporaryPath, sizeof gTemporaryPath, "%s/webget.XXXXXX", m_directory.c_str());
         if (length <= 0 || (size_t)length >= sizeof gTemporaryPath) {
             errno = ENAMETOOLONG;
             return;
@@ -57,8 +57,10 @@ public:
     TemporaryFile& operator=(const TemporaryFile&) = delete;
     int fd() const { return m_fd; }
     const char* path() const { return gTemporaryPath; }
+    const std::string& directory() const { return m_directory; }
 
 private:
+    std::string m_directory;
     int m_fd = -1;
     struct sigaction m_previous[sizeof kCleanupSignals / sizeof kCleanupSignals[0]]{};
 };
@@ -88,12 +90,20 @@ int copyToStdout(int fd, bool& reading) {
 int runGetToFile(VRAXSecureWebChannel* channel, const Options& options) {
     const std::string& url = options.urls[0];
     Clock::time_point start = Clock::now();
+    const Landing landing = landingFor(options.output);
     chooseRequestForm(channel, options, url);
-    int result = channel->httpGet(url.c_str(), options.output.c_str());
+    int result = channel->httpGet(url.c_str(), landing.path.c_str());
     if (result != wc::kOk) {
+        // The library returns -3054 when it cannot open the file; a write
+        // that fails cuts the body short (-3051), reported as -3054.
         LibraryError error = lastError(channel, result);
         complain("error %d: %s", error.code,
-                 explainFailure(error.code, error.reason, url, options.output, true).c_str());
+                 explainFailure(error.code, error.reason, url, landing.path, result == wc::kFileWrite).c_str());
+        if (!landing.place.empty()) unlink(landing.path.c_str());
+        return kExitFailed;
+    }
+    if (!install(landing)) {
+        complain("error %d: %s", wc::kFileWrite, explainInstallFailure(options.output, landing, errno).c_str());
         return kExitFailed;
     }
     if (!options.quiet) {
@@ -123,7 +133,9 @@ int runGetToStdout(VRAXSecureWebChannel* channel, const Options& options) {
     int result = channel->httpGet(url.c_str(), body.path());
     if (result != wc::kOk) {
         LibraryError error = lastError(channel, result);
-        complain("error %d: %s", error.code, explainFailure(error.code, error.reason, url, std::string()).c_str());
+        complain("error %d: %s", error.code,
+                 error.code == wc::kFileWrite ? explainTemporaryFailure(body.directory(), error.reason).c_str()
+                                              : explainFailure(error.code, error.reason, url, std::string()).c_str());
         return kExitFailed;
     }
     bool reading = false;

@@ -83,11 +83,12 @@ int main(int argc, char** argv) {
     Library library;
     if (!loadLibrary(options, library)) return kExitUsage;
 
-    // In a batch, signals are taken by the watcher from here on, before the
-    // library starts any thread. Single requests keep the default action:
-    // there is nothing to cancel cleanly.
+    // In a batch (-c -o runs one too), signals are taken by the watcher from
+    // here on, before the library starts any thread. Single requests keep
+    // the default action: there is nothing to cancel cleanly.
+    const bool continuing = !options.output.empty() && options.resume;
     std::unique_ptr<SignalGuard> signals;
-    if (batch) signals = std::make_unique<SignalGuard>();
+    if (batch || continuing) signals = std::make_unique<SignalGuard>();
     {
         ChannelHandle handle(library);
         if (handle.channel == nullptr) {
@@ -100,6 +101,7 @@ int main(int argc, char** argv) {
             if (batch) status = jobs.empty() && !options.json ? kExitOk : runBatch(handle.channel, options, jobs);
             else if (options.toStdout) status = runGetToStdout(handle.channel, options);
             else if (options.post) status = runPost(handle.channel, options);
+            else if (continuing) status = runContinueToFile(handle.channel, options);
             else status = runGetToFile(handle.channel, options);
         }
     }

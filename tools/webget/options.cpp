@@ -70,11 +70,15 @@ const OptionDoc kOptions[] = {
     {"directory", kOptDirectory, "DIR",
      "Directory for the batch targets (created when missing). With URLs on the command line each goes to "
      "DIR/<last path component>; default '.'."},
-    {"output", kOptOutput, "FILE", "Single GET of one URL into FILE."},
+    {"output", kOptOutput, "FILE",
+     "Single GET of one URL into FILE. The body lands in FILE.part beside it, which replaces FILE once the GET "
+     "is complete; a failed GET removes FILE.part and leaves FILE as it was. A FILE that is not a regular file "
+     "(/dev/null, a FIFO) is written in place. With -c: continue FILE (see -c)."},
     {"stdout", kOptStdout, "-",
      "Single GET of one URL to standard output ('-O -'): the whole body, whatever its size, written once it "
      "is complete. It is kept until then in a temporary file in $TMPDIR (default /tmp), removed afterwards, "
-     "also on failure or when a signal ends webget. '-O FILE' is the same as '-o FILE'."},
+     "also on failure or when a signal ends webget; that folder must have room for the whole body. '-O FILE' "
+     "is the same as '-o FILE'."},
     {"post", kOptPost, "DATA",
      "POST DATA ('@FILE' reads it from FILE) to one URL and print the answer's body on standard output (the "
      "status line goes to standard error). The request asks the server to close the connection after its "
@@ -117,11 +121,16 @@ const OptionDoc kOptions[] = {
      "Do not ask for sizes before the batch: sizes come from the responses and whole files are dealt to the "
      "workers in turn (no splitting of large files)."},
     {"continue", kOptContinue, nullptr,
-     "Batches: continue what an earlier run left. Each file keeps a control record beside it while it is "
-     "incomplete (TARGET.resume: the byte ranges on disk, updated at least every 4 MiB and every second); a "
-     "run with -c fetches only the ranges it lacks and verifies the whole file. Without a record, a target "
-     "shorter than its size is continued at its end. An interrupt (Ctrl-C, SIGTERM) records the state before "
-     "webget exits. A server that ignores ranges makes the file start over."},
+     "Continue what an earlier run left. Batches: every batch keeps a control record beside each TARGET.part "
+     "while it is incomplete (TARGET.part.resume: the byte ranges on disk, updated at least every 4 MiB and "
+     "every second); a run with -c fetches only the ranges it lacks and verifies the whole file, while a run "
+     "without -c starts a TARGET.part over. Without a record, a TARGET.part shorter than its size is continued "
+     "at its end, unless it has holes. An interrupt (Ctrl-C, SIGTERM) records the state before webget exits. "
+     "With -o FILE: continues FILE.part when an interrupted -o left one, else FILE itself, by its record or at "
+     "its end. A FILE as long as the server's file is taken as complete and left alone; a FILE longer than the "
+     "server's, or one with holes and no record, cannot be continued: webget says so and fetches the file "
+     "again whole into FILE.part. A server that ignores ranges sends the whole file, which is then written "
+     "again from its first byte."},
     {"log", kOptLog, "FILE", "Write the library's log to FILE."},
     {"library", kOptLibrary, "PATH",
      "Load the library from PATH (also: environment variable WEBGET_LIBRARY). Default: ../libwebchannel.so "
@@ -176,13 +185,16 @@ void printHelp(FILE* out) {
             "  %1$s [OPTIONS] --post DATA [-H 'N: V']... URL   POST, print the answer\n"
             "\n"
             "Batches run on worker threads; large files are cut into byte ranges shared by the\n"
-            "workers, and every finished file is verified by its digest or its size. Each\n"
-            "finished file is printed on standard output ('downloaded TARGET'; on standard\n"
-            "error with --json); a target that already holds the expected digest is skipped\n"
-            "('up to date TARGET'). A job the library refuses (no size from the server, target\n"
-            "not writable) is reported and the batch goes on without it. Progress goes to\n"
-            "standard error: a live bar on a terminal, a plain line every 2 s otherwise.\n"
-            "Ctrl-C cancels the batch cleanly (twice: at once).\n"
+            "workers, and every finished file is verified by its digest or its size. A file\n"
+            "lands in TARGET.part while it is in progress and replaces TARGET only once it is\n"
+            "complete and verified: a failed or interrupted run leaves an existing TARGET as\n"
+            "it was, and -c continues the TARGET.part. Each finished file is printed on\n"
+            "standard output ('downloaded TARGET'; on standard error with --json); a target\n"
+            "that already holds the expected digest is skipped ('up to date TARGET'). A job\n"
+            "the library refuses (no size from the server, target not writable) is reported\n"
+            "and the batch goes on without it. Progress goes to standard error: a live bar on\n"
+            "a terminal, a plain line every 2 s otherwise. Ctrl-C cancels the batch cleanly\n"
+            "(twice: at once).\n"
             "\n"
             "Options:\n",
             gProgram);
@@ -356,6 +368,9 @@ int checkModes(const Options& options) {
     if (options.shardCount > 1 && single) return usage("%s", "--shard only applies to batches");
     if (!options.checksumFiles.empty() && single) return usage("%s", "--checksums only applies to batches");
     if (options.insecure && !options.caCert.empty()) return usage("%s", "--cacert and -k exclude each other");
+    if (options.resume && (options.toStdout || options.post)) return usage("%s", "-c only applies to batches and -o");
+    if (options.resume && options.unknownSize && !options.output.empty())
+        return usage("%s", "-c -o continues by the file's size: not with --unknown-size");
     return -1;
 }
 

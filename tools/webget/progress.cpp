@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "webget.h"
 
 namespace webget {
@@ -75,7 +77,7 @@ Figures figuresOf(BatchState& state, double elapsed, bool final) {
         if (f.rate > 1) f.eta = humanDuration((double)(f.total - f.done) / f.rate);
     }
     int filesDone = state.handedCount + state.upToDate;
-    int failed = (int)state.blamed.size() + state.refused;
+    int failed = (int)state.blamed.size() + (int)state.notInstalled.size() + state.refused;
     f.files = "files " + std::to_string(filesDone) + "/" + std::to_string(state.fileCount());
     if (failed > 0) f.files += ", " + std::to_string(failed) + " failed";
     return f;
@@ -134,8 +136,15 @@ void collectFinished(BatchState& state) {
         if (index < 0 || (size_t)index >= count) break;
         if (state.handedOut[index]) continue;
         state.handedOut[index] = 1;
-        ++state.handedCount;
         const Job& job = (*state.jobs)[index];
+        if (!install(job.landing)) {
+            const int error = errno;
+            state.notInstalled.insert(index);
+            if (state.terminal) clearBar(state);
+            complain("error %d: %s", wc::kFileWrite, explainInstallFailure(job.target, job.landing, error).c_str());
+            continue;
+        }
+        ++state.handedCount;
         long long size = fileSize(job.target);
         state.handedBytes += size > 0 ? size : job.size;
         if (!state.quiet) {

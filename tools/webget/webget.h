@@ -11,8 +11,13 @@
 // standard error carries progress, the summary and diagnostics, so that
 // results can be piped or redirected without progress noise.
 //
+// A download lands beside its target, in TARGET.part, and replaces the
+// target only once the library hands it out complete and verified: a
+// failed or interrupted run leaves the user's file as it was.
+//
 // This header is what the program's files share; each file is one concern:
-// options, library, signals, manifest, progress, and one file per mode.
+// options, library, signals, manifest, landing, progress, and one file per
+// mode.
 #ifndef WEBGET_WEBGET_H
 #define WEBGET_WEBGET_H
 
@@ -63,6 +68,13 @@ LibraryError lastError(VRAXSecureWebChannel* channel, int result);
 // being created, not written).
 std::string explainFailure(int code, const std::string& reason, const std::string& url, const std::string& target,
                            bool creating = false);
+// A temporary file of -O - that could not be written, naming its folder:
+// "cannot write the temporary file in /tmp: No space left on device (...)".
+std::string explainTemporaryFailure(const std::string& directory, const std::string& reason);
+struct Landing;
+// A finished download that could not be renamed over its target (`error`:
+// the errno of the rename).
+std::string explainInstallFailure(const std::string& target, const Landing& landing, int error);
 
 // ---- options.cpp: the command line ----
 struct Options {
@@ -154,6 +166,25 @@ private:
     sigset_t m_previous{};
 };
 
+// ---- landing.cpp: where a download lands until it is complete ----
+struct Landing {
+    std::string path;   // what the library writes: PLACE.part, or the target itself when written in place
+    std::string place;  // the file a finished download replaces; empty when written in place
+};
+// A regular file (or a new one) lands in PLACE.part, PLACE being the target
+// or, for a symbolic link, the file it points to. Anything else (a device
+// such as /dev/null, a FIFO) is written in place: renaming over it would
+// replace the device itself.
+Landing landingFor(const std::string& target);
+// The control record the library keeps beside a file it may continue.
+std::string recordOf(const std::string& path);
+bool pathExists(const std::string& path);
+// Renames a finished download over its place; false with errno set.
+bool install(const Landing& landing);
+// Removes what a failed download left when it holds nothing: an empty
+// PLACE.part and its record. A part with bytes stays for -c.
+void dropIfEmpty(const Landing& landing);
+
 // ---- manifest.cpp: batch jobs ----
 struct Job {
     std::string url;
@@ -163,6 +194,7 @@ struct Job {
     std::string digest;
     std::string algorithm;
     std::string origin;  // "manifest:line" or "argument N", for messages
+    Landing landing;     // set when the job is offered
 };
 
 std::string joinPath(const std::string& directory, const std::string& name);
@@ -200,6 +232,7 @@ struct BatchState {
     int upToDate = 0;
     int refused = 0;
     std::set<int> blamed;        // job indexes the library named as failing
+    std::set<int> notInstalled;  // finished and verified, but not renamed over the target
     long long knownTotal = 0;    // sizes from the manifest or the probes
     long long reportedTotal = 0; // largest total the library reported
     long long pendingDone = 0;   // bytes of pending files, from the last report carrying counts
@@ -223,8 +256,8 @@ struct BatchState {
 
 std::string humanBytes(double bytes);
 long long fileSize(const std::string& path);
-// Hands out every file the library has finished and verified; prints each.
-// Caller holds state.lock.
+// Hands out every file the library has finished and verified: renames it
+// over its target and prints it. Caller holds state.lock.
 void collectFinished(BatchState& state);
 // Draws the progress; `final` forces a draw and ends the bar's line.
 // Caller holds state.lock.
@@ -243,6 +276,8 @@ void printJson(const std::vector<Job>& listed, const std::vector<Outcome>& outco
 // ---- the modes: batch.cpp, get.cpp, post.cpp ----
 int runBatch(VRAXSecureWebChannel* channel, const Options& options, std::vector<Job> wanted);
 int runGetToFile(VRAXSecureWebChannel* channel, const Options& options);
+// -c -o FILE: continues FILE.part, or FILE itself, through a one-job batch.
+int runContinueToFile(VRAXSecureWebChannel* channel, const Options& options);
 int runGetToStdout(VRAXSecureWebChannel* channel, const Options& options);
 int runPost(VRAXSecureWebChannel* channel, const Options& options);
 // Writes to standard output and flushes; false on failure.
