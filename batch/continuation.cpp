@@ -28,8 +28,8 @@ long long webChannel::continueJob(const httpGetJob& job, std::vector<httpGetJob>
     if (!kept.empty() && kept.begin()->first == 0 && kept.begin()->second == job.size) kept.begin()->second -= 1;
     if (!kept.empty() && kept.begin()->second <= kept.begin()->first) kept.erase(kept.begin());
 
-    std::unique_ptr<ResumeRecord>& record = m_resumeRecords[job.url];
-    record = std::make_unique<ResumeRecord>(job.file, job.url, job.size);
+    std::shared_ptr<ResumeRecord>& record = m_resumeRecords[job.url];
+    record = std::make_shared<ResumeRecord>(job.file, job.url, job.size);
     record->keep(kept, kept.empty() ? std::string() : validator);
     long long onDisk = 0;
     for (const auto& range : kept) onDisk += range.second - range.first;
@@ -53,8 +53,8 @@ long long webChannel::continueJob(const httpGetJob& job, std::vector<httpGetJob>
 }
 
 std::unique_ptr<RecordKeeper> webChannel::keepResumeRecords() {
-    std::vector<ResumeRecord*> records;
-    for (auto& entry : m_resumeRecords) records.push_back(entry.second.get());
+    std::vector<std::shared_ptr<ResumeRecord>> records;
+    for (auto& entry : m_resumeRecords) records.push_back(entry.second);
     return std::make_unique<RecordKeeper>(std::move(records));
 }
 

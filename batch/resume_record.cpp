@@ -16,8 +16,16 @@
 
 namespace {
 
-// How often the keeper brings the records up to date, each after a sync.
-constexpr auto kKeepInterval = std::chrono::seconds(1);
+// How often the keeper looks at the records, and when one is brought up to
+// date (after a sync of its target): once so long.
+constexpr auto kKeepInterval = std::chrono::milliseconds(250);
+constexpr auto kSaveInterval = std::chrono::seconds(1);
+// A file that brought this much within a second is left unsaved for its first
+// seconds: a sync of that much costs a fast download more than a crash would
+// lose, most such files are done by then, and a process cannot exit while a
+// sync of its is under way.
+constexpr long long kCheapSync = 64LL << 20;
+constexpr auto kFastFileGrace = std::chrono::seconds(3);
 // A record names a few ranges; anything much larger is not one.
 constexpr long long kMaxRecordBytes = 1 << 20;
 constexpr char kMagic[] = "webchannel-resume 1";
@@ -182,6 +190,7 @@ void ResumeRecord::keep(const Ranges& ranges, const std::string& validator) {
     m_done = ranges;
     m_validator = validator;
     m_unsaved = 0;
+    m_saved = m_began = std::chrono::steady_clock::now();
     // What was kept is on disk since an earlier run: nothing to sync. With
     // nothing kept there is nothing to name yet: the keeper writes the first
     // record once bytes have landed, and an earlier one goes now, as it no
@@ -190,7 +199,7 @@ void ResumeRecord::keep(const Ranges& ranges, const std::string& validator) {
     if (ranges.empty())
         ::unlink(m_path.c_str());
     else
-        save(m_done, m_validator);
+        save(m_done, m_validator, true);
 }
 
 std::string ResumeRecord::validator() const {
@@ -235,12 +244,22 @@ void ResumeRecord::written(int fd, long long offset, const char* data, size_t si
     m_unsaved += (long long)size;
 }
 
-bool ResumeRecord::save(const Ranges& ranges, const std::string& validator) {
+bool ResumeRecord::save(const Ranges& ranges, const std::string& validator, bool locked) {
     const std::string temporary = m_path + ".new";
     int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     bool written = fd >= 0 && writeWhole(fd, formatResumeRecord(m_url, m_size, ranges, validator));
     if (fd >= 0 && ::close(fd) != 0) written = false;
-    if (written && ::rename(temporary.c_str(), m_path.c_str()) == 0) return true;
+    if (written) {
+        // The record takes its place only while the file is still being
+        // fetched: one that was verified or given up meanwhile has no record.
+        std::unique_lock<std::mutex> lock(m_lock, std::defer_lock);
+        if (!locked) lock.lock();
+        if (m_closed) {
+            ::unlink(temporary.c_str());
+            return false;
+        }
+        if (::rename(temporary.c_str(), m_path.c_str()) == 0) return true;
+    }
     const int error = errno;
     if (fd >= 0) ::unlink(temporary.c_str());
     if (m_saveFailed) return false;
@@ -259,22 +278,31 @@ bool ResumeRecord::startOver(const std::string& validator) {
     m_done.clear();
     m_validator = validator;
     m_unsaved = 0;
-    save(m_done, m_validator);  // claims nothing: no sync needed
+    save(m_done, m_validator, true);  // claims nothing: no sync needed
     return true;
 }
 
-void ResumeRecord::flush() {
+void ResumeRecord::flush(bool always) {
+    {
+        // A file that ended needs no record: that never waits for a save.
+        std::lock_guard<std::mutex> lock(m_lock);
+        if (m_closed || m_unsaved == 0) return;
+    }
     // The bytes are synced before a record names them; the record is taken
     // first, so that it names only bytes written before the sync.
     std::lock_guard<std::mutex> saving(m_saving);
     Ranges ranges;
     std::string validator;
     {
-        std::lock_guard<std::mutex> lock(m_lock);
+        std::unique_lock<std::mutex> lock(m_lock);
         if (m_closed || m_unsaved == 0) return;
+        const auto now = std::chrono::steady_clock::now();
+        if (!always && now - m_saved < kSaveInterval) return;
+        if (!always && m_unsaved >= kCheapSync && now - m_began < kFastFileGrace) return;
         ranges = m_done;
         validator = m_validator;
         m_unsaved = 0;
+        m_saved = now;
     }
     int fd = ::open(m_target.c_str(), O_RDONLY | O_CLOEXEC);
     const bool synced = fd >= 0 && fdatasync(fd) == 0;
@@ -284,45 +312,49 @@ void ResumeRecord::flush() {
         ++m_unsaved;  // the next update tries again
         return;
     }
-    save(ranges, validator);
+    save(ranges, validator, false);
 }
 
 void ResumeRecord::finish() {
-    std::lock_guard<std::mutex> saving(m_saving);
+    // Never waits for a save in flight (a sync may take long): that one
+    // sees the record closed and does not put it back.
     std::lock_guard<std::mutex> lock(m_lock);
     m_closed = true;
     ::unlink(m_path.c_str());
 }
 
 void ResumeRecord::discard() {
-    std::lock_guard<std::mutex> saving(m_saving);
     std::lock_guard<std::mutex> lock(m_lock);
     m_closed = true;
     m_discarded = true;
     ::unlink(m_path.c_str());
 }
 
-RecordKeeper::RecordKeeper(std::vector<ResumeRecord*> records) : m_records(std::move(records)) {
-    if (m_records.empty()) return;
-    m_thread = std::thread([this] {
-        std::unique_lock<std::mutex> lock(m_lock);
-        for (bool last = false; !last;) {
-            last = m_wake.wait_for(lock, kKeepInterval, [this] { return m_stop; });
+RecordKeeper::RecordKeeper(std::vector<std::shared_ptr<ResumeRecord>> records)
+    : m_shared(std::make_shared<Shared>()) {
+    m_shared->records = std::move(records);
+    if (m_shared->records.empty()) return;
+    // The thread owns a share of all it touches, so that the batch can end
+    // while it finishes a sync (of a file that ended meanwhile) on its own.
+    std::thread([shared = m_shared] {
+        std::unique_lock<std::mutex> lock(shared->lock);
+        while (!shared->wake.wait_for(lock, kKeepInterval, [&] { return shared->stop; })) {
             lock.unlock();
-            for (ResumeRecord* record : m_records) record->flush();
+            for (const std::shared_ptr<ResumeRecord>& record : shared->records) record->flush(false);
             lock.lock();
         }
-    });
+    }).detach();
 }
 
 RecordKeeper::~RecordKeeper() {
-    if (!m_thread.joinable()) return;
     {
-        std::lock_guard<std::mutex> lock(m_lock);
-        m_stop = true;
+        std::lock_guard<std::mutex> lock(m_shared->lock);
+        m_shared->stop = true;
     }
-    m_wake.notify_all();
-    m_thread.join();
+    m_shared->wake.notify_all();
+    // The last update, here: only the records of files still incomplete,
+    // each waiting at most for a sync of its own file under way.
+    for (const std::shared_ptr<ResumeRecord>& record : m_shared->records) record->flush(true);
 }
 
 bool ResumeRecord::discarded() const {

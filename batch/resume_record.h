@@ -14,8 +14,10 @@
 #ifndef WEBCHANNEL_BATCH_RESUME_RECORD_H
 #define WEBCHANNEL_BATCH_RESUME_RECORD_H
 
+#include <chrono>
 #include <condition_variable>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -69,8 +71,11 @@ public:
     // the file is written again from its first byte, under the answer's
     // validator. True once, and only when something had been kept.
     bool startOver(const std::string& validator);
-    // Syncs the target and writes what the last update did not cover.
-    void flush();
+    // Syncs the target and writes what the last update did not cover; unless
+    // `always`, only once a second has passed since the last update, so that
+    // syncs come in batches, and for a fast file (64 MiB a second) only after
+    // its first three seconds.
+    void flush(bool always = true);
     // The file verified: the record is removed and no longer written.
     void finish();
     // The file failed its verification: the record is removed, and the next
@@ -80,8 +85,9 @@ public:
 
 private:
     void add(long long from, long long to);
-    // Writes `ranges` as the record (with the lock held or a snapshot).
-    bool save(const Ranges& ranges, const std::string& validator);
+    // Writes `ranges` as the record, unless the file was closed meanwhile
+    // (`locked`: m_lock is held by the caller).
+    bool save(const Ranges& ranges, const std::string& validator, bool locked);
 
     const std::string m_target;
     const std::string m_path;
@@ -93,8 +99,10 @@ private:
     Ranges m_done;  // what is on disk now
     std::string m_validator;
     long long m_unsaved = 0;
-    // Held across a whole save (snapshot, sync, write) and by finish and
-    // discard, so that a save in flight never brings back a removed record.
+    std::chrono::steady_clock::time_point m_saved = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point m_began = m_saved;  // the batch's start
+    // One save at a time (the keeper's, a start-over's): they share the
+    // record's temporary file.
     std::mutex m_saving;
     bool m_closed = false;
     bool m_discarded = false;
@@ -102,21 +110,26 @@ private:
     bool m_saveFailed = false;
 };
 
-// Brings the records up to date once a second, each after a sync of its
-// target, until destroyed (then once more), on a thread of its own.
+// Brings each record up to date once a second of its file, after a sync of
+// its target, on a thread of its own while a batch runs; when destroyed, it
+// brings the records of the files still incomplete up to date once more. A
+// sync under way for a file that ended is left to the thread, which holds a
+// share of the records and ends on its own: the batch never waits for it.
 class RecordKeeper {
 public:
-    explicit RecordKeeper(std::vector<ResumeRecord*> records);
+    explicit RecordKeeper(std::vector<std::shared_ptr<ResumeRecord>> records);
     ~RecordKeeper();
     RecordKeeper(const RecordKeeper&) = delete;
     RecordKeeper& operator=(const RecordKeeper&) = delete;
 
 private:
-    std::vector<ResumeRecord*> m_records;
-    std::mutex m_lock;
-    std::condition_variable m_wake;
-    bool m_stop = false;
-    std::thread m_thread;
+    struct Shared {
+        std::mutex lock;
+        std::condition_variable wake;
+        bool stop = false;
+        std::vector<std::shared_ptr<ResumeRecord>> records;
+    };
+    std::shared_ptr<Shared> m_shared;
 };
 
 // The ranges of [0, size) that `kept` lacks, in order.

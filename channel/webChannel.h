@@ -514,7 +514,9 @@ public:
     std::unordered_map<std::string, std::unique_ptr<DigestStream>> m_digestStreams;
     // Control records of the pending files that continue, by URL; changed
     // only between batches, like the digest streams.
-    std::unordered_map<std::string, std::unique_ptr<ResumeRecord>> m_resumeRecords;
+    // Shared with the batch's record keeper, which may outlive a batch by the
+    // end of a sync.
+    std::unordered_map<std::string, std::shared_ptr<ResumeRecord>> m_resumeRecords;
     int m_filesRehashed;  // through atomics.h: files whose digest came from disk after all
     // The running progress totals (through atomics.h): bytes written and size
     // of the pending pieces, finished files; and per job of the list what its

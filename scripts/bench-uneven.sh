@@ -15,11 +15,13 @@
 #
 #   scripts/bench-uneven.sh            3 runs a cell (about 10 minutes)
 #   scripts/bench-uneven.sh --runs 1   one run a cell
-#   --tools LIST   of webget,library,library-fileorder,library-adaptive,aria2c,axel,curl,wget2
+#   --tools LIST   of webget,webget-url,library,library-fileorder,library-adaptive,aria2c,axel,curl,wget2
 #   --sets LIST    of big,medium;  --cases LIST  of uneven,alike
 #
 # webget runs with SHA-256 digests in its manifest (it sets file order and
-# the adaptive mode); the library alone (bench/batch_host), with the same
+# the adaptive mode), and "webget-url" with the big file's URL alone on its
+# command line (size from the server, no digest: verified by size); the
+# library alone (bench/batch_host), with the same
 # digests, runs with the default plan ("library"), in file order
 # ("library-fileorder") and in file order with the adaptive mode
 # ("library-adaptive");
@@ -41,7 +43,7 @@ die() {
 source "$root/scripts/lib/loopback.sh"
 
 runs=3
-tools="webget,library,library-fileorder,library-adaptive,aria2c,axel,curl,wget2"
+tools="webget,webget-url,library,library-fileorder,library-adaptive,aria2c,axel,curl,wget2"
 sets="big,medium"
 cases="uneven,alike"
 while (($# > 0)); do
@@ -153,6 +155,7 @@ tool_command() { # <tool> <set>: fills cmd
       cmd=(aria2c --no-conf -q -x 8 -s 8 -k 1M -j 8 -d "$run_dir" -i "$B/aria2c.input" --file-allocation=falloc
         --auto-save-interval=0 --allow-overwrite=true --summary-interval=0 --console-log-level=error) ;;
     axel) cmd=(axel -q -n 8 -o "$run_dir/big.bin" "$base/big.bin") ;;
+    webget-url) cmd=("$root/build/tools/webget" -q -j 8 -d "$run_dir" "$base/big.bin") ;;
     curl)
       for f in $(files_of "$set"); do printf 'url = "%s"\noutput = "%s"\n' "$base/$f" "$run_dir/$f"; done >"$B/curl.input"
       cmd=(curl -q -s -S --fail --parallel --parallel-max 8 -K "$B/curl.input") ;;
@@ -170,7 +173,7 @@ for case_name in ${cases//,/ }; do
   for set in ${sets//,/ }; do
     for ((run = 1; run <= runs; run++)); do
       for tool in ${tools//,/ }; do
-        [[ $tool == axel && $set != big ]] && continue
+        [[ ($tool == axel || $tool == webget-url) && $set != big ]] && continue
         run_dir="$dl/$case_name-$set-$tool-$run"
         rm -rf "$dl" && mkdir -p "$run_dir"
         start_server "$case_name"
