@@ -1,5 +1,6 @@
 // TLS against real and scripted servers: certificate verification (parameter 3021), reads of partial records.
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -46,6 +47,7 @@ TEST_P(Verify, AnUntrustedServerFailsEveryRequestOnlyWhenVerifying) {
         EXPECT_EQ(channel.addJob(url.c_str(), (dir + "/probed").c_str(), 0, nullptr, nullptr),
                   fails ? kInvalidArgument : kOk);
         EXPECT_EQ(reported(channel), untrusted);
+        EXPECT_EQ(std::filesystem::exists(dir + "/probed"), !fails);  // a refused job's target is never made
         std::ofstream(dir + "/single") << "old";
         EXPECT_EQ(channel.httpGet(url.c_str(), (dir + "/single").c_str()), fails ? kUntrusted : kOk);
         EXPECT_EQ(reported(channel), untrusted);
