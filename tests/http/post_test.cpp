@@ -72,32 +72,6 @@ TEST_F(Post, AnswersAreReadWholeToTheCloseOrTheTimeOutAndBadOnesFailWithTheirCod
     }
 }
 
-TEST_F(Post, RedirectsKeepingTheMethodArePostedAgainWhileFoundAndSeeOtherFail) {
-    const std::string answer = httpResponse(201, "created");
-    const std::string again = "POST /new HTTP/1.1\r\nContent-Length: 9\r\nHost: ";
-    for (int code : {301, 307, 308, 302, 303}) {
-        SCOPED_TRACE(code);
-        const bool follows = code != 302 && code != 303;
-        ScriptServer destination(serveEach([&](const std::string&) { return answer; }, 1));
-        auto redirect = [&](const std::string& request) {  // from /old to the destination, from /rel to /new here
-            const std::string path = requestPath(request), to = path == "/old" ? destination.url("/new") : "/new";
-            return path == "/new" ? answer : httpResponse(code, "", "Location: " + to);
-        };
-        ScriptServer origin(serveEach(redirect, 1));
-        EXPECT_EQ(post(origin.url("/old"), "same body", "X-Form: 7\r\n"), follows ? kOk : kBadStatus);
-        EXPECT_EQ(destination.connections(), follows ? 1 : 0);
-        if (!follows) continue;
-        EXPECT_EQ(channel.m_response, answer);
-        EXPECT_EQ(destination.requests(),
-                  std::vector<std::string>{again + hostOf(destination) + "\r\nX-Form: 7\r\n\r\nsame body"});
-        ASSERT_EQ(post(origin.url("/rel"), "same body"), kOk);
-        EXPECT_EQ(origin.requests().back(), again + hostOf(origin) + "\r\n\r\nsame body");
-    }
-    ScriptServer loop(serveEach([](const std::string&) { return httpResponse(307, "", "Location: /loop"); }));
-    EXPECT_EQ(post(loop.url("/loop"), "x"), kTooManyAttempts);
-    EXPECT_EQ(loop.requests().size(), 31u);
-}
-
 volatile sig_atomic_t gSigpipes = 0;
 void (*const countSigpipe)(int, siginfo_t*, void*) = [](int, siginfo_t*, void*) { gSigpipes = gSigpipes + 1; };
 
