@@ -1,4 +1,4 @@
-// Single GETs: files and the in-memory form, request bytes, redirects, statuses and faults, answers in pieces.
+// Single GETs: files and the in-memory form, statuses and faults, answers in pieces (redirects: the redirect tests).
 #include <atomic>
 #include <fstream>
 #include <map>
