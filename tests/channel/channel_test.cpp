@@ -50,7 +50,8 @@ TEST_F(BadInput, ConfigurationAndSingleRequestsAnswerUnusableTextWithTheirCodes)
     const std::string file = dir + "/f";
     char body[] = "x";
     // Refused as they stand; hosts that cannot be resolved (twice: a failed lookup is not cached); port texts that
-    // are no port or would wrap, and a port that refuses. None waits for the time-out, none leaves a descriptor.
+    // are no port or would wrap (65979 to the HTTPS peer's 443), and a port that refuses. None waits for the time-out,
+    // none leaves a descriptor.
     transporttest::LoopbackPort refusing(false);
     const std::vector<std::pair<std::string, int>> urls = {{"", kInvalidArgument},
                                                            {"http://", kInvalidArgument},
@@ -63,7 +64,7 @@ TEST_F(BadInput, ConfigurationAndSingleRequestsAnswerUnusableTextWithTheirCodes)
                                                            {"http://h" + kCrLf + "..x/", kProxyUnusable},
                                                            {"http://127.0.0.1:/", kConnectFailed},
                                                            {"http://127.0.0.1:0/", kConnectFailed},
-                                                           {"http://127.0.0.1:65616/", kConnectFailed},
+                                                           {"http://127.0.0.1:65979/", kConnectFailed},
                                                            {"127.0.0.1:abc", kConnectFailed},
                                                            {refusing.url("/"), kConnectFailed},
                                                            {refusing.url("/", "https"), kConnectFailed}};
