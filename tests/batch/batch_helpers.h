@@ -30,7 +30,9 @@ inline bool eventually(const std::function<bool()>& condition, int millis = 5000
     return true;
 }
 
-inline double secondsSince(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+inline double secondsSince(Clock::time_point t) {
+    return std::chrono::duration<double>(Clock::now() - t).count();
+}
 
 inline uint64_t mix(uint64_t x) {
     x += 0x9e3779b97f4a7c15ULL;
