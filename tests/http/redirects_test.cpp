@@ -1,5 +1,6 @@
-// Strict redirects (parameter 3027): which requests carry the server credentials and the cookie, read from the log of
-// nginx on two hosts; redirects from https to http refused under verification; without 3027 the bytes of today.
+// Redirects: each code as GETs and POSTs take it, with their exact bytes; strict redirects (parameter 3027): which
+// requests carry the server credentials and the cookie, read from the log of nginx on two hosts; redirects from https
+// to http refused under verification; without 3027 the bytes of today.
 #include <unistd.h>
 
 #include <set>
@@ -172,9 +173,8 @@ TEST_F(Redirects, AVerifiedTransferIsNeverRedirectedToPlainHttp) {
 }
 
 // Each code, with every access parameter set, without and with 3027: an in-memory GET asks its own URL again (31
-// times, the path only), a GET into a file follows it (asking for the absolute URL), a POST
-// is posted again whole for 301, 307 and 308 and fails on 302 and 303, and a relative Location takes it back to its
-// server. Without 3027 a redirected request is the same bytes as ever; with it only Authorization and Cookie stay
+// times, the path only), a GET into a file follows it (asking for the absolute URL), a POST is posted again whole
+// for 301, 307 and 308 and fails on 302 and 303, and a relative Location takes it back to its server. Without 3027 a redirected request is the same bytes as ever; with it only Authorization and Cookie stay
 // behind, while the proxy credentials, the no-cache lines and the host's own lines go on.
 TEST_F(Redirects, EachCodeIsFollowedAsItsMethodWantsWithTheSameBytesLessTheSecretsUnder3027) {
     channel.setParam(kParamUser, "u", true);
