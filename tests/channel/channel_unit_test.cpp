@@ -104,7 +104,7 @@ TEST(Log, LinesGoToTheFileOrStandardOutputUntilDestructionClosesTheFile) {
     EXPECT_TRUE(webChannel::m_log == nullptr && fputs("", stdout) != EOF);  // stdout is left open
 }
 
-TEST(Params, JobParametersGoToTheLastJobTheTimeoutFallsBackTo300AndTheCookieGoesWithItsSwitch) {
+TEST(Params, JobParametersGoToTheLastJobTheTimeoutFallsBackTo300TheCookieGoesWithItsSwitchAndJobsInheritAccess) {
     webChannel channel;
     std::string value;
     channel.setParam(kParamUser, "u", false);
@@ -128,6 +128,15 @@ TEST(Params, JobParametersGoToTheLastJobTheTimeoutFallsBackTo300AndTheCookieGoes
     channel.setParam(kParamCookie, "c=1", true);
     channel.setParam(kParamCookieCapture, nullptr, true);
     EXPECT_FALSE(channel.getParam(kParamCookieCapture, value, true) || channel.getParam(kParamCookie, value, true));
+    // A job inherits only the cookie, the proxy credentials and the no-cache switch, and keeps its own.
+    AccessParams job = {{kParamCookie, "job"}};
+    webChannel::mergeAccessParams(job, {{kParamCookie, "channel"},
+                                        {kParamProxyAuth, "p"},
+                                        {kParamNoCache, ""},
+                                        {kParamUser, "u"},
+                                        {kParamPassword, "w"},
+                                        {kParamTimeout, "5"}});
+    EXPECT_EQ(job, (AccessParams{{kParamCookie, "job"}, {kParamProxyAuth, "p"}, {kParamNoCache, ""}}));
 }
 
 // getErrorCode writes only inside the buffer and cuts the message's last character (its line feed).

@@ -1,5 +1,6 @@
-// Strict redirects (parameter 3027): which requests carry the server credentials and the cookie, read from the log of
-// nginx on two hosts; redirects from https to http refused under verification; without 3027 the bytes of today.
+// Redirects: each code as GETs and POSTs take it, with their exact bytes; strict redirects (parameter 3027): which
+// requests carry the server credentials and the cookie, read from the log of nginx on two hosts; redirects from https
+// to http refused under verification; without 3027 the bytes of today.
 #include <unistd.h>
 
 #include <set>
@@ -171,39 +172,61 @@ TEST_F(Redirects, AVerifiedTransferIsNeverRedirectedToPlainHttp) {
     }
 }
 
-// Without 3027 a redirected request is the same bytes as ever, credentials and cookie included; with it, only those
-// two lines stay behind, while the proxy credentials and the no-cache lines go on.
-TEST_F(Redirects, WithoutStrictRedirectsTheBytesAreUnchangedAndWithItOnlyCredentialsAndCookieStayBehind) {
+// Each code, with every access parameter set, without and with 3027: an in-memory GET asks its own URL again (31
+// times, the path only), a GET into a file follows it (asking for the absolute URL), a POST is posted again whole
+// for 301, 307 and 308 and fails on 302 and 303, and a relative Location takes it back to its server. Without 3027 a redirected request is the same bytes as ever; with it only Authorization and Cookie stay
+// behind, while the proxy credentials, the no-cache lines and the host's own lines go on.
+TEST_F(Redirects, EachCodeIsFollowedAsItsMethodWantsWithTheSameBytesLessTheSecretsUnder3027) {
     channel.setParam(kParamUser, "u", true);
     channel.setParam(kParamPassword, "p", true);
     channel.setParam(kParamCookie, "a=1", true);
     channel.setParam(kParamProxyAuth, "cHg=", true);
     channel.setParam(kParamNoCache, "", true);
-    auto request = [](const std::string& line, const std::string& length, const ScriptServer& server, bool secrets) {
+    auto request = [](const std::string& line, const ScriptServer& server, bool secrets, const std::string& body = "") {
         return line + " HTTP/1.1\r\n" + (secrets ? "Authorization: Basic dTpw\r\n" : "") +
                "Cache-Control: no-cache, no-store, must-revalidate\r\n" +
-               (length.empty() ? "" : "Content-Length: " + length + "\r\n") + (secrets ? "Cookie: a=1\r\n" : "") +
-               "Expires: 0\r\nHost: " + hostOf(server) +
-               "\r\nPragma: no-cache\r\nProxy-Authorization: Basic cHg=\r\n\r\n" + (length.empty() ? "" : "x");
+               (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") +
+               (secrets ? "Cookie: a=1\r\n" : "") + "Expires: 0\r\nHost: " + hostOf(server) +
+               "\r\nPragma: no-cache\r\nProxy-Authorization: Basic cHg=\r\n" + (body.empty() ? "" : "X-Form: 7\r\n") +
+               "\r\n" + body;
     };
-    const std::string file = tempDir() + "/got";
+    const std::string file = tempDir() + "/got", body = "same body";
     for (const char* mode : {(const char*)nullptr, ""}) {
-        SCOPED_TRACE(mode == nullptr ? "without 3027" : "with 3027");
         channel.setParam(kParamStrictRedirects, mode, true);
-        ScriptServer destination(serveEach([](const std::string&) { return httpResponse(200, "moved"); }, 1));
-        ScriptServer start(serveEach(
-            [&](const std::string&) { return httpResponse(307, "", "Location: " + destination.url("/new")); }, 1));
-        std::string body = "x";  // first: the re-post finds no kept connection to reuse
-        ASSERT_EQ(channel.httpPost(start.url("/form").c_str(), nullptr, &body[0], true), kOk);
-        ASSERT_EQ(channel.httpGet(start.url("/old").c_str(), file.c_str()), kOk);
-        EXPECT_EQ(readFile(file), "moved");
-        EXPECT_EQ(start.requests(), (std::vector<std::string>{request("POST /form", "1", start, true),
-                                                              request("GET " + start.url("/old"), "", start, true)}));
-        EXPECT_EQ(
-            destination.requests(),
-            (std::vector<std::string>{request("POST /new", "1", destination, mode == nullptr),
-                                      request("GET " + destination.url("/new"), "", destination, mode == nullptr)}));
+        for (int code : {301, 302, 303, 307, 308}) {
+            SCOPED_TRACE(std::to_string(code) + (mode == nullptr ? " without 3027" : " with 3027"));
+            const bool reposts = code != 302 && code != 303;
+            ScriptServer destination(serveEach([](const std::string&) { return httpResponse(200, "moved"); }));
+            ScriptServer origin(serveEach([&](const std::string& request) {
+                const std::string path = requestPath(request);
+                return path == "/new"
+                           ? httpResponse(200, "")
+                           : httpResponse(code, "", "Location: " + (path == "/rel" ? "/new" : destination.url("/new")));
+            }));
+            EXPECT_EQ(channel.httpGet(origin.url("/mem").c_str()), kTooManyAttempts);
+            ASSERT_EQ(channel.httpGet(origin.url("/old").c_str(), file.c_str()), kOk);
+            EXPECT_EQ(readFile(file), "moved");
+            std::string form = "X-Form: 7\r\n", sent = body;
+            EXPECT_EQ(channel.httpPost(origin.url("/form").c_str(), &form[0], &sent[0], false),
+                      reposts ? kOk : kBadStatus);
+            if (reposts) {
+                EXPECT_EQ(channel.httpPost(origin.url("/rel").c_str(), &form[0], &sent[0], false), kOk);
+            }
+            std::vector<std::string> atOrigin(31, request("GET /mem", origin, true));
+            atOrigin.push_back(request("GET " + origin.url("/old"), origin, true));
+            atOrigin.push_back(request("POST /form", origin, true, body));
+            for (const char* line : {"POST /rel", "POST /new"})
+                if (reposts) atOrigin.push_back(request(line, origin, true, body));
+            EXPECT_EQ(origin.requests(), atOrigin);
+            std::vector<std::string> atDestination = {request("GET " + destination.url("/new"), destination, !mode)};
+            if (reposts) atDestination.push_back(request("POST /new", destination, !mode, body));
+            EXPECT_EQ(destination.requests(), atDestination);
+        }
     }
+    ScriptServer loop(serveEach([](const std::string&) { return httpResponse(307, "", "Location: /loop"); }));
+    std::string sent = "x";
+    EXPECT_EQ(channel.httpPost(loop.url("/loop").c_str(), nullptr, &sent[0], false), kTooManyAttempts);
+    EXPECT_EQ(loop.requests().size(), 31u);
 }
 
 }  // namespace

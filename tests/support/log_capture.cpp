@@ -28,14 +28,6 @@ std::string LogCapture::text() const {
     return readFile(m_path);
 }
 
-std::vector<std::string> LogCapture::lines() const {
-    std::vector<std::string> result;
-    std::istringstream in(text());
-    for (std::string line; std::getline(in, line);)
-        result.push_back(line.find(" : ") == std::string::npos ? line : line.substr(line.find(" : ") + 3));
-    return result;
-}
-
 int countLines(const std::string& log, const std::string& needle) {
     int count = 0;
     std::istringstream in(log);

@@ -3,7 +3,6 @@
 #define WEBCHANNEL_TESTS_LOG_CAPTURE_H
 
 #include <string>
-#include <vector>
 
 namespace testsupport {
 
@@ -12,7 +11,6 @@ public:
     LogCapture();   // opens a fresh log file as the channel's log
     ~LogCapture();  // switches the channel's log off and deletes the file
     std::string text() const;
-    std::vector<std::string> lines() const;  // messages, without the time prefix
 
 private:
     std::string m_path;

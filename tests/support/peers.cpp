@@ -25,31 +25,23 @@ Peers loadPeers() {
     std::map<std::string, std::string> values;
     for (std::string line; std::getline(in, line);)
         if (size_t eq = line.find('='); eq != std::string::npos) values[line.substr(0, eq)] = line.substr(eq + 1);
-    for (const char* name :
-         {"HTTP_PORT", "SQUID_PORT", "SQUID_USER", "SQUID_PASSWORD", "TINYPROXY_PORT", "TINYPROXY_USER",
-          "TINYPROXY_PASSWORD", "WWW", "CERT", "TRUST_CA", "TRUST_DIR", "REDIRECT_PORT", "REDIRECT_LOG", "HOST_PORTS"})
+    auto text = [&](const char* name) -> const std::string& {
         if (values[name].empty()) failHard("test peers: no " + std::string(name) + " in " + path);
+        return values[name];
+    };
     if (values["HTTPS_PORT"] != "443") failHard("test peers: " + path + " must say HTTPS_PORT=443");
-    std::map<std::string, int> tlsPorts;
+    Peers p;
+    p.httpPort = std::stoi(text("HTTP_PORT")), p.squidPort = std::stoi(text("SQUID_PORT"));
+    p.tinyproxyPort = std::stoi(text("TINYPROXY_PORT")), p.redirectPort = std::stoi(text("REDIRECT_PORT"));
+    p.squidUser = text("SQUID_USER"), p.squidPassword = text("SQUID_PASSWORD");
+    p.tinyproxyUser = text("TINYPROXY_USER"), p.tinyproxyPassword = text("TINYPROXY_PASSWORD");
+    p.www = text("WWW"), p.cert = text("CERT"), p.trustCa = text("TRUST_CA"), p.trustDir = text("TRUST_DIR");
+    p.redirectLog = text("REDIRECT_LOG");
+    std::istringstream ports(text("HOST_PORTS"));
+    for (int port; ports >> port;) p.hostPorts.push_back(port);
     for (const auto& [name, value] : values)
-        if (name.rfind("TLS_PORT_", 0) == 0) tlsPorts[name.substr(9)] = std::stoi(value);
-    std::vector<int> hostPorts;
-    std::istringstream ports(values["HOST_PORTS"]);
-    for (int port; ports >> port;) hostPorts.push_back(port);
-    return {std::stoi(values["HTTP_PORT"]),
-            std::stoi(values["SQUID_PORT"]),
-            std::stoi(values["TINYPROXY_PORT"]),
-            values["SQUID_USER"],
-            values["SQUID_PASSWORD"],
-            values["TINYPROXY_USER"],
-            values["TINYPROXY_PASSWORD"],
-            values["WWW"],
-            values["CERT"],
-            tlsPorts,
-            values["TRUST_CA"],
-            values["TRUST_DIR"],
-            std::stoi(values["REDIRECT_PORT"]),
-            values["REDIRECT_LOG"], hostPorts};
+        if (name.rfind("TLS_PORT_", 0) == 0) p.tlsPorts[name.substr(9)] = std::stoi(value);
+    return p;
 }
 
 }  // namespace

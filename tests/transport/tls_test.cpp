@@ -1,7 +1,7 @@
 // TLS against real and scripted servers: certificate verification (parameter 3021), reads of partial records.
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "transport/transport_helpers.h"
@@ -46,6 +46,7 @@ TEST_P(Verify, AnUntrustedServerFailsEveryRequestOnlyWhenVerifying) {
         EXPECT_EQ(channel.addJob(url.c_str(), (dir + "/probed").c_str(), 0, nullptr, nullptr),
                   fails ? kInvalidArgument : kOk);
         EXPECT_EQ(reported(channel), untrusted);
+        EXPECT_EQ(std::filesystem::exists(dir + "/probed"), !fails);  // a refused job's target is never made
         std::ofstream(dir + "/single") << "old";
         EXPECT_EQ(channel.httpGet(url.c_str(), (dir + "/single").c_str()), fails ? kUntrusted : kOk);
         EXPECT_EQ(reported(channel), untrusted);
@@ -67,43 +68,40 @@ INSTANTIATE_TEST_SUITE_P(CasesAndPaths, Verify, ::testing::Combine(::testing::Ra
                                     std::string(std::get<1>(info.param) ? "Tunnelled" : "Direct");
                          });
 
-// The trust setting changes between requests (set, another path, a hashed directory, an unreadable path,
-// removed): a pooled connection serves only the setting it was made under.
-TEST_F(ChannelTest, EachRequestIsJudgedUnderTheTrustSettingOfTheMoment) {
+// The trust setting changes between requests (set, another path, a hashed directory, an unreadable path, removed):
+// a pooled connection serves only the setting it was made under. The host is checked as the resolver reads it:
+// every spelling of 127.0.0.1 matches the certificate's address and no other name, a name the certificate's names.
+TEST_F(ChannelTest, EachRequestIsJudgedUnderTheTrustSettingOfTheMomentAndTheHostAsSpelt) {
     const std::string missing = tempDir() + "/missing.pem", file = tempDir() + "/got";
     const std::map<std::string, std::string> paths = {
         {"ca", peers().trustCa}, {"dir", peers().trustDir}, {"system", ""}, {"missing", missing}};
-    std::istringstream steps(
-        "- selfsigned 0 ca selfsigned -3034 - good 0 ca good 0 system good -3034 dir good 0 "
-        "dir unknownca -3034 missing good -3034");  // trust ('-': none), server, result
-    int result = 0;
-    for (std::string trust, server; steps >> trust >> server >> result;) {
-        channel.setParam(kParamVerifyPeer, trust == "-" ? nullptr : paths.at(trust).c_str(), true);
-        EXPECT_EQ(channel.httpGet(("https://" + serverOf(server) + "/five.bin").c_str(), file.c_str()), result)
-            << server << " under " << trust;
-    }
-    EXPECT_EQ(reported(channel), "-3034 " + serverOf("good") + ": cannot read the trust anchors in " + missing);
-    EXPECT_EQ(loggedCount("cannot read the trust anchors in " + missing), 1);
-}
-
-// Under 3021 the host is checked as the resolver reads it: every spelling of 127.0.0.1 matches the certificate's
-// address and no other name; a name is matched with the certificate's names. No spelling goes unchecked.
-TEST_F(ChannelTest, EverySpellingOfAnAddressIsCheckedAndANameIsMatchedWithTheNames) {
-    const std::string file = tempDir() + "/got";
-    channel.setParam(kParamVerifyPeer, peers().trustCa.c_str(), true);
-    const std::tuple<const char*, const char*, const char*> cases[] = {
-        {"127.0.0.1", "good", ""},      {"127.1", "good", ""},
-        {"2130706433", "good", ""},     {"0x7f.0.0.1", "good", ""},
-        {"localhost", "good", ""},      {"127.1", "othername", "IP address mismatch"},
-        {"2130706433", "othername", "IP address mismatch"},  {"0x7f.0.0.1", "othername", "IP address mismatch"},
-        {"localhost", "othername", "hostname mismatch"},
-    };
-    for (const auto& [host, server, reason] : cases) {
+    const std::string noIssuer = "unable to get local issuer certificate", address = "IP address mismatch";
+    const std::tuple<const char*, const char*, const char*, std::string> steps[] = {
+        // trust ("-": none), host, server, reason ("": trusted)
+        {"-", "127.0.0.1", "selfsigned", ""},
+        {"ca", "127.0.0.1", "selfsigned", "self-signed certificate"},
+        {"-", "127.0.0.1", "good", ""},
+        {"ca", "127.0.0.1", "good", ""},
+        {"system", "127.0.0.1", "good", noIssuer},
+        {"dir", "127.0.0.1", "good", ""},
+        {"dir", "127.0.0.1", "unknownca", noIssuer},
+        {"ca", "127.1", "good", ""},
+        {"ca", "2130706433", "good", ""},
+        {"ca", "0x7f.0.0.1", "good", ""},
+        {"ca", "localhost", "good", ""},
+        {"ca", "127.1", "othername", address},
+        {"ca", "2130706433", "othername", address},
+        {"ca", "0x7f.0.0.1", "othername", address},
+        {"ca", "localhost", "othername", "hostname mismatch"},
+        {"missing", "127.0.0.1", "good", "cannot read the trust anchors in " + missing}};
+    for (const auto& [trust, host, server, reason] : steps) {
+        channel.setParam(kParamVerifyPeer, *trust == '-' ? nullptr : paths.at(trust).c_str(), true);
         const std::string at = std::string(host) + ":" + std::to_string(peers().tlsPorts.at(server));
         const int result = channel.httpGet(("https://" + at + "/five.bin").c_str(), file.c_str());
-        EXPECT_EQ(reported(channel), *reason ? "-3034 " + at + ": " + reason : "0 ") << at;
-        EXPECT_EQ(result, *reason ? kUntrusted : kOk) << at;
+        EXPECT_EQ(reported(channel), reason.empty() ? "0 " : "-3034 " + at + ": " + reason) << at << " under " << trust;
+        EXPECT_EQ(result, reason.empty() ? kOk : kUntrusted) << at << " under " << trust;
     }
+    EXPECT_EQ(loggedCount("cannot read the trust anchors in " + missing), 1);
 }
 
 // A read ends with what arrived, not waiting (time-out 20 s) for the rest of a record the TLS layer holds the start

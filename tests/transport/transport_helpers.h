@@ -31,7 +31,7 @@ struct Stopwatch {
 };
 
 // A port on 127.0.0.1 held by the test. Not listening, it refuses every connect while it lives (and nobody else
-// can take it); listening, the test accepts the one connection it drives (within 5 s) and may reset it.
+// can take it); listening, the test accepts the one connection it drives (within 5 s).
 struct LoopbackPort {
     explicit LoopbackPort(bool listening, int backlog = 16) {
         sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
@@ -55,12 +55,6 @@ struct LoopbackPort {
         if (::poll(&waiter, 1, 5000) == 1) peer = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
         return peer;
     }
-    void resetPeer() {
-        linger abortive = {1, 0};
-        setsockopt(peer, SOL_SOCKET, SO_LINGER, &abortive, sizeof(abortive));
-        ::close(peer);
-        peer = -1;
-    }
     int fd = -1, port = 0, peer = -1;
 };
 
@@ -72,7 +66,6 @@ protected:
         channel.setParam(kParamTimeout, "1", true);
     }
     int loggedCount(const std::string& needle) const { return countLines(log.text(), needle); }
-
     LogCapture log;
     webChannel channel;
 };
