@@ -141,8 +141,8 @@ TEST_F(Faults, AWholeFileAnswerThatStartsOverIsVerifiedFromDisk) {
 
 // Malformed answers, absurd lengths, broken chunk framing and bad redirects, each for one job of a two-worker
 // batch whose other job is served correctly; "BASE" stands for the server's URL. After sending, the server
-// closes, stalls, reads on, or closes once and then serves the content.
-enum After { kClose, kStall, kKeep, kOnce };
+// closes, stalls, reads on, or closes once (or keeps the connection once) and then serves the content.
+enum After { kClose, kStall, kKeep, kOnce, kOnceKept };
 
 struct BadAnswer {
     const char* name;
@@ -194,7 +194,7 @@ const BadAnswer kBadAnswers[] = {
     {"PartialAnswerOfAnotherFile", kPartialAt + "0-4/6\r\nContent-Length: 5\r\n\r\n!!!!!", kOnce, 0, 2},
     // A partial answer writes no byte past its range: the rest of the piece is asked for again.
     {"PartialBodyLongerThanItsRange", kPartialAt + "0-2/5\r\nContent-Length: 5\r\n\r\n" + kBody.substr(0, 3) + "!!",
-     kOnce, 0, 2, false, 3},
+     kOnceKept, 0, 2, false, 3},
     {"ChunkedPartialLongerThanItsRange", kChunked + "5\r\n" + kBody + "\r\n3\r\nXYZ\r\n0\r\n\r\n", kStall, 0},
     // Another file, or another place, once more after a fresh attempt: the job ends at once, with -3061.
     {"PartialAnswerOfAnotherFileTwice", kPartialAt + "0-4/6\r\nContent-Length: 5\r\n\r\n!!!!!", kClose,
@@ -213,12 +213,13 @@ TEST_P(BadAnswers, EndOnlyTheirOwnJobWithTheExactCode) {
     std::string base;
     Routes server({{"/bad",
                     [&](ServerConnection& c, const std::string& request, int attempt) {
-                        if (bad.after == kOnce && attempt > 0) return serve(c, request, 70, 5) >= 0;
+                        if ((bad.after == kOnce || bad.after == kOnceKept) && attempt > 0)
+                            return serve(c, request, 70, 5) >= 0;
                         std::string bytes = bad.bytes;
                         if (size_t at = bytes.find("BASE"); at != std::string::npos) bytes.replace(at, 4, base);
                         c.send(bytes);
                         if (bad.after == kStall) c.stall(20);
-                        return bad.after == kKeep;
+                        return bad.after == kKeep || bad.after == kOnceKept;
                     }},
                    {"/target", content(70, 5)},
                    {"/good", content(71, 100000)}});

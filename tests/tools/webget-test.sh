@@ -117,6 +117,13 @@ check "a size-only URL in ranges" 0 'all verified' -- -j 8 -d ranged "http://127
   same ranged/m10.bin "$WWW/m10.bin"
 ranged=$(tail -n +"$from" "$SLOW_ACCESS_LOG" | awk '$7 == "/m10.bin" && $9 == 206' | wc -l)
 ((ranged >= 4)) || fail "a size-only URL: $ranged ranged requests"
+# From http.server, which ignores ranges, one request brings the whole file, also under the control record
+# webget keeps.
+echo "$py/m10.bin whole/m10.bin $(stat -c %s "$WWW/m10.bin")" >whole.txt && from=$(($(wc -l <py.log) + 1))
+check "a size-only file from a server that ignores ranges" 0 'all verified' -- -j 8 -i whole.txt &&
+  same whole/m10.bin "$WWW/m10.bin"
+asked=$(tail -n +"$from" py.log | grep -c '"GET /m10.bin')
+((asked == 1)) || fail "a server that ignores ranges: asked $asked times"
 # -c -o FILE continues FILE where it ends, asking only for the rest; a FILE as long as the server's is left as
 # complete, one longer is replaced by a new copy.
 slow="http://127.0.0.1:$SLOW_PORT/m10.bin" && head -c 3145728 "$WWW/m10.bin" >c.bin
