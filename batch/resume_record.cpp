@@ -20,11 +20,11 @@ namespace {
 // date (after a sync of its target): once so long.
 constexpr auto kKeepInterval = std::chrono::milliseconds(250);
 constexpr auto kSaveInterval = std::chrono::seconds(1);
-// A file that brought this much within a second is left unsaved for its first
-// seconds: a sync of that much costs a fast download more than a crash would
-// lose, most such files are done by then, and a process cannot exit while a
-// sync of its is under way.
-constexpr long long kCheapSync = 64LL << 20;
+// Once the files of a batch brought 64 MiB a second (this much between two
+// looks), they are left unsaved for their first seconds: a sync of that much
+// costs a fast download more than a crash would lose, most such files are
+// done by then, and a process cannot exit while a sync of its is under way.
+constexpr long long kFastBetweenLooks = 16LL << 20;
 constexpr auto kFastFileGrace = std::chrono::seconds(3);
 // A record names a few ranges; anything much larger is not one.
 constexpr long long kMaxRecordBytes = 1 << 20;
@@ -282,7 +282,12 @@ bool ResumeRecord::startOver(const std::string& validator) {
     return true;
 }
 
-void ResumeRecord::flush(bool always) {
+long long ResumeRecord::unsaved() const {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_closed ? 0 : m_unsaved;
+}
+
+void ResumeRecord::flush(bool always, bool fast) {
     {
         // A file that ended needs no record: that never waits for a save.
         std::lock_guard<std::mutex> lock(m_lock);
@@ -298,7 +303,7 @@ void ResumeRecord::flush(bool always) {
         if (m_closed || m_unsaved == 0) return;
         const auto now = std::chrono::steady_clock::now();
         if (!always && now - m_saved < kSaveInterval) return;
-        if (!always && m_unsaved >= kCheapSync && now - m_began < kFastFileGrace) return;
+        if (!always && fast && now - m_began < kFastFileGrace) return;
         ranges = m_done;
         validator = m_validator;
         m_unsaved = 0;
@@ -338,9 +343,16 @@ RecordKeeper::RecordKeeper(std::vector<std::shared_ptr<ResumeRecord>> records)
     // while it finishes a sync (of a file that ended meanwhile) on its own.
     std::thread([shared = m_shared] {
         std::unique_lock<std::mutex> lock(shared->lock);
+        long long before = 0;
+        bool fast = false;
         while (!shared->wake.wait_for(lock, kKeepInterval, [&] { return shared->stop; })) {
             lock.unlock();
-            for (const std::shared_ptr<ResumeRecord>& record : shared->records) record->flush(false);
+            long long unsaved = 0;
+            for (const std::shared_ptr<ResumeRecord>& record : shared->records) unsaved += record->unsaved();
+            fast = fast || unsaved - before >= kFastBetweenLooks;
+            for (const std::shared_ptr<ResumeRecord>& record : shared->records) record->flush(false, fast);
+            before = 0;
+            for (const std::shared_ptr<ResumeRecord>& record : shared->records) before += record->unsaved();
             lock.lock();
         }
     }).detach();

@@ -73,9 +73,11 @@ public:
     bool startOver(const std::string& validator);
     // Syncs the target and writes what the last update did not cover; unless
     // `always`, only once a second has passed since the last update, so that
-    // syncs come in batches, and for a fast file (64 MiB a second) only after
-    // its first three seconds.
-    void flush(bool always = true);
+    // syncs come in batches, and in a `fast` batch (64 MiB between two looks
+    // of the keeper) only after the file's first three seconds.
+    void flush(bool always = true, bool fast = false);
+    // Bytes written since the last update (0 once the file ended).
+    long long unsaved() const;
     // The file verified: the record is removed and no longer written.
     void finish();
     // The file failed its verification: the record is removed, and the next
