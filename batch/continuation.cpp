@@ -18,10 +18,12 @@ ResumeRecord* webChannel::resumeRecord(const std::string& url) const {
 
 long long webChannel::continueJob(const httpGetJob& job, std::vector<httpGetJob>& work) {
     std::string why, validator;
-    ResumeRecord::Ranges kept = ResumeRecord::onDisk(job.file, job.url, job.size, validator, why);
+    long long length = 0;
+    bool stored = false;
+    ResumeRecord::Ranges kept = ResumeRecord::onDisk(job.file, job.url, job.size, validator, why, length, stored);
     // Nothing to trust: the file starts over from an empty target, as a new
     // job's does.
-    if (kept.empty() && truncate(job.file.c_str(), 0) != 0 && errno != ENOENT && logging())
+    if (kept.empty() && length > 0 && truncate(job.file.c_str(), 0) != 0 && errno != ENOENT && logging())
         log("VRAXSecureWebChannel::initBatch: cannot empty %s: %s", job.file.c_str(), systemText(errno).c_str());
     // A file that is all there is verified through its last byte, fetched
     // again: the one request also tells that the server still has the file.
@@ -30,7 +32,7 @@ long long webChannel::continueJob(const httpGetJob& job, std::vector<httpGetJob>
 
     std::shared_ptr<ResumeRecord>& record = m_resumeRecords[job.url];
     record = std::make_shared<ResumeRecord>(job.file, job.url, job.size);
-    record->keep(kept, kept.empty() ? std::string() : validator);
+    record->keep(kept, kept.empty() ? std::string() : validator, stored);
     long long onDisk = 0;
     for (const auto& range : kept) onDisk += range.second - range.first;
     if (logging())

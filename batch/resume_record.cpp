@@ -131,9 +131,12 @@ bool withoutHoles(int fd, long long length) {
 }
 
 ResumeRecord::Ranges ResumeRecord::onDisk(const std::string& target, const std::string& url, long long size,
-                                          std::string& validator, std::string& why) {
-    struct stat info;
-    if (stat(target.c_str(), &info) != 0 || info.st_size == 0) {
+                                          std::string& validator, std::string& why, long long& length,
+                                          bool& stored) {
+    struct stat info, record;
+    stored = lstat(pathFor(target).c_str(), &record) == 0;
+    length = stat(target.c_str(), &info) == 0 ? (long long)info.st_size : 0;
+    if (length == 0) {
         why = "nothing on disk";
         return {};
     }
@@ -143,8 +146,7 @@ ResumeRecord::Ranges ResumeRecord::onDisk(const std::string& target, const std::
     }
     std::string text;
     Ranges ranges;
-    struct stat record;
-    if (lstat(pathFor(target).c_str(), &record) == 0) {
+    if (stored) {
         // A record that is there but cannot be read whole, or is not one for
         // this file, vouches for nothing; the bytes it might have named are
         // not taken on the target's length either.
@@ -183,7 +185,7 @@ ResumeRecord::Ranges ResumeRecord::onDisk(const std::string& target, const std::
     return {{0, (long long)info.st_size}};
 }
 
-void ResumeRecord::keep(const Ranges& ranges, const std::string& validator) {
+void ResumeRecord::keep(const Ranges& ranges, const std::string& validator, bool stored) {
     std::lock_guard<std::mutex> saving(m_saving);
     std::lock_guard<std::mutex> lock(m_lock);
     m_kept = ranges;
@@ -196,10 +198,10 @@ void ResumeRecord::keep(const Ranges& ranges, const std::string& validator) {
     // record once bytes have landed, and an earlier one goes now, as it no
     // longer tells what the target holds (a batch of many small files pays
     // for no record a file).
-    if (ranges.empty())
-        ::unlink(m_path.c_str());
-    else
-        save(m_done, m_validator, true);
+    m_stored = stored;
+    if (ranges.empty() && m_stored) ::unlink(m_path.c_str());
+    if (ranges.empty()) m_stored = false;
+    if (!ranges.empty()) save(m_done, m_validator, true);
 }
 
 std::string ResumeRecord::validator() const {
@@ -241,7 +243,7 @@ void ResumeRecord::written(int fd, long long offset, const char* data, size_t si
     std::lock_guard<std::mutex> lock(m_lock);
     if (m_closed) return;
     add(offset, offset + (long long)size);
-    m_unsaved += (long long)size;
+    m_unsaved.fetch_add((long long)size, std::memory_order_relaxed);
 }
 
 bool ResumeRecord::save(const Ranges& ranges, const std::string& validator, bool locked) {
@@ -258,7 +260,7 @@ bool ResumeRecord::save(const Ranges& ranges, const std::string& validator, bool
             ::unlink(temporary.c_str());
             return false;
         }
-        if (::rename(temporary.c_str(), m_path.c_str()) == 0) return true;
+        if (::rename(temporary.c_str(), m_path.c_str()) == 0) return m_stored = true;
     }
     const int error = errno;
     if (fd >= 0) ::unlink(temporary.c_str());
@@ -283,16 +285,13 @@ bool ResumeRecord::startOver(const std::string& validator) {
 }
 
 long long ResumeRecord::unsaved() const {
-    std::lock_guard<std::mutex> lock(m_lock);
-    return m_closed ? 0 : m_unsaved;
+    return m_ended.load(std::memory_order_relaxed) ? 0 : m_unsaved.load(std::memory_order_relaxed);
 }
 
 void ResumeRecord::flush(bool always, bool fast) {
-    {
-        // A file that ended needs no record: that never waits for a save.
-        std::lock_guard<std::mutex> lock(m_lock);
-        if (m_closed || m_unsaved == 0) return;
-    }
+    // A file that ended needs no record: that never waits for a save. Most
+    // records have nothing new at a look: they cost no lock.
+    if (unsaved() == 0) return;
     // The bytes are synced before a record names them; the record is taken
     // first, so that it names only bytes written before the sync.
     std::lock_guard<std::mutex> saving(m_saving);
@@ -325,14 +324,18 @@ void ResumeRecord::finish() {
     // sees the record closed and does not put it back.
     std::lock_guard<std::mutex> lock(m_lock);
     m_closed = true;
-    ::unlink(m_path.c_str());
+    m_ended = true;
+    if (m_stored) ::unlink(m_path.c_str());
+    m_stored = false;
 }
 
 void ResumeRecord::discard() {
     std::lock_guard<std::mutex> lock(m_lock);
     m_closed = true;
+    m_ended = true;
     m_discarded = true;
-    ::unlink(m_path.c_str());
+    if (m_stored) ::unlink(m_path.c_str());
+    m_stored = false;
 }
 
 RecordKeeper::RecordKeeper(std::vector<std::shared_ptr<ResumeRecord>> records)

@@ -15,6 +15,7 @@
 #define WEBCHANNEL_BATCH_RESUME_RECORD_H
 
 #include <chrono>
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -44,13 +45,16 @@ public:
     // where pieces were missing). Empty, with the reason in `why`, when
     // nothing can be trusted: a record that cannot be read, or is not one for
     // this URL and size, makes the file start over.
+    // `length` receives the target's length (0 when there is none) and
+    // `stored` whether a record is there.
     static Ranges onDisk(const std::string& target, const std::string& url, long long size, std::string& validator,
-                         std::string& why);
+                         std::string& why, long long& length, bool& stored);
 
     // Starts the record with what is on disk and writes it at once (with
     // nothing kept, removes an earlier one: a target without a record is
     // trusted only as a plain prefix without holes).
-    void keep(const Ranges& ranges, const std::string& validator);
+    // `stored`: a record was found beside the target.
+    void keep(const Ranges& ranges, const std::string& validator, bool stored);
     const Ranges& kept() const { return m_kept; }
     long long size() const { return m_size; }
     // Where the bytes go on after the record has noted them (the digest).
@@ -100,7 +104,11 @@ private:
     Ranges m_kept;  // what the batch found on disk
     Ranges m_done;  // what is on disk now
     std::string m_validator;
-    long long m_unsaved = 0;
+    // Bytes since the last update, and whether the file ended: also read
+    // without the lock by the keeper, which looks at every record often.
+    std::atomic<long long> m_unsaved{0};
+    std::atomic<bool> m_ended{false};
+    bool m_stored = false;  // a record file is there (written, or found at the start)
     std::chrono::steady_clock::time_point m_saved = std::chrono::steady_clock::now();
     std::chrono::steady_clock::time_point m_began = m_saved;  // the batch's start
     // One save at a time (the keeper's, a start-over's): they share the
