@@ -401,7 +401,7 @@ start_nginx() {
     limit_rate 4m;
   }
   server {
-$(for port in $HOST_PORTS; do printf '    listen 127.0.0.1:%s;\n' "$port"; done)
+$(for port in ${HOST_PORTS//,/ }; do printf '    listen 127.0.0.1:%s;\n' "$port"; done)
     root $www;
     access_log $nd/hosts-access.log;
   }
@@ -430,7 +430,7 @@ $(redirect_servers)" \
   expect_body "nginx auth" hello --noproxy '*' -u "$AUTH_USER:$AUTH_PASSWORD" \
     "http://127.0.0.1:$HTTP_PORT/auth/five.bin" ||
     fail "nginx Basic authentication does not work" "$nd/error.log"
-  expect_body "nginx hosts" hello --noproxy '*' "http://127.0.0.1:${HOST_PORTS%% *}/five.bin" ||
+  expect_body "nginx hosts" hello --noproxy '*' "http://127.0.0.1:${HOST_PORTS%%,*}/five.bin" ||
     fail "nginx does not serve on the many-hosts ports" "$nd/error.log"
   expect_body "nginx post" posted --noproxy '*' --data-binary x "http://127.0.0.1:$HTTP_PORT/post" ||
     fail "nginx does not answer POST /post" "$nd/error.log"
@@ -577,10 +577,10 @@ free_port SLOW_PORT || fail "no free port for the slow nginx server"
 for name in $TLS_CASES; do free_port "TLS_PORT_$name" || fail "no free port for the $name HTTPS server"; done
 free_port REDIRECT_PORT || fail "no free port for the redirect servers"
 REDIRECT_LOG="$dir/nginx/redirects.log"
-HOST_PORTS="" host_port=""
+HOST_PORTS="" host_port=""  # comma-separated, so that the file can also be sourced by a shell
 for ((i = 0; i < HOST_COUNT; i++)); do
   free_port host_port || fail "no free port for host $i of $HOST_COUNT"
-  HOST_PORTS+="$host_port "
+  HOST_PORTS+="${HOST_PORTS:+,}$host_port"
 done
 
 start_nginx
@@ -607,7 +607,7 @@ TRUST_CA=$trust/ca.pem
 TRUST_DIR=$trust/hashed
 REDIRECT_PORT=$REDIRECT_PORT
 REDIRECT_LOG=$REDIRECT_LOG
-HOST_PORTS=${HOST_PORTS% }
+HOST_PORTS=$HOST_PORTS
 $(for name in $TLS_CASES; do port=TLS_PORT_$name && echo "$port=${!port}"; done)
 EOF
 mv -f "$dir/peers.env.tmp" "$dir/peers.env"

@@ -38,7 +38,7 @@ Peers loadPeers() {
     p.www = text("WWW"), p.cert = text("CERT"), p.trustCa = text("TRUST_CA"), p.trustDir = text("TRUST_DIR");
     p.redirectLog = text("REDIRECT_LOG");
     std::istringstream ports(text("HOST_PORTS"));
-    for (int port; ports >> port;) p.hostPorts.push_back(port);
+    for (std::string port; std::getline(ports, port, ',');) p.hostPorts.push_back(std::stoi(port));
     for (const auto& [name, value] : values)
         if (name.rfind("TLS_PORT_", 0) == 0) p.tlsPorts[name.substr(9)] = std::stoi(value);
     return p;
