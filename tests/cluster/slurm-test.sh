@@ -27,8 +27,8 @@ served() { awk -v from="$1" 'NR == FNR {want["/slow/" $1]; next} FNR >= from && 
   "$2" "$ACCESS_LOG"; }
 
 # The accounts and the log against manifest.txt. Modes: "array DATA LOG" (the whole array), "kept DATA" (what the
-# cancelled share, listed in share.txt, has on disk: its verified files whole, the recorded ranges of the others;
-# prints all of it, the recorded part, and the files recorded whole), "rerun DATA K LOG KEPT FULL" (task K run
+# cancelled share, listed in share.txt, has on disk: its verified files whole, the kept bytes of the others;
+# prints all of it, the part in unfinished files, and the unfinished files kept whole), "rerun DATA K LOG KEPT FULL" (task K run
 # again for that share).
 check() {
   python3 - "$WWW" "$@" <<'EOF'
@@ -49,11 +49,12 @@ def served(log):  # bytes sent per file, every request a GET answered 200 or 206
         assert f[5] == '"GET' and f[8] in ("200", "206"), line
         sent[f[6].rsplit("/", 1)[1]] += int(f[9])
     return sent
-def recorded(t):  # bytes the record of an unfinished file names, None without one
+def unfinished(t):  # bytes an unfinished file keeps, None for none: what its record names, or without a record
+    part = f"{data}/files/{t}.part"  # (webget keeps none for small files, fetched whole) its plain prefix
     try:
-        return sum(int(b) - int(a) for _, a, b in (l.split() for l in open(f"{data}/files/{t}.part.resume") if l.startswith("range ")))
+        return sum(int(b) - int(a) for _, a, b in (l.split() for l in open(f"{part}.resume") if l.startswith("range ")))
     except FileNotFoundError:
-        return None
+        return os.path.getsize(part) if os.path.exists(part) else None
 if mode == "array":
     shares = [account(k) for k in range(4)]
     totals = {key: sum(s["totals"][key] for s in shares) for key in ("files", "bytes", "failures")}
@@ -63,10 +64,10 @@ if mode == "array":
     assert all(map(same, listed)), "a file differs from its source"
     assert served(sys.argv[4]) == listed, "not every file was fetched exactly once"
 elif mode == "kept":
-    partial = [recorded(t) for t in share if recorded(t) is not None]
-    whole = [listed[t] for t in share if recorded(t) is None and same(t)]
+    partial = [unfinished(t) for t in share if unfinished(t) is not None]
+    whole = [listed[t] for t in share if unfinished(t) is None and same(t)]
     # A file whose record names every byte is verified after its last byte is fetched again.
-    print(sum(partial) + sum(whole), sum(partial), sum(1 for t in share if recorded(t) == listed[t]))
+    print(sum(partial) + sum(whole), sum(partial), sum(1 for t in share if unfinished(t) == listed[t]))
 elif mode == "rerun":
     again, log, kept, full = account(sys.argv[4]), sys.argv[5], int(sys.argv[6]), int(sys.argv[7])
     assert targets(again["jobs"]) == share and again["totals"]["failures"] == 0, "the share is not complete"
