@@ -401,8 +401,10 @@ Stop planBody(Attempt& a, Body& body) {
     body.wire = body.chunked || body.untilClose ? LLONG_MAX : a.head.contentLength;
     if (!body.chunked) {
         body.remaining = body.wire == LLONG_MAX ? LLONG_MAX : body.wire - body.skip;
-        const long long asked = (wholeFile ? atomicLoad(a.job->end) : a.requestedEnd) - a.job->start + 1;
-        if (a.ranged && body.remaining > asked) body.remaining = asked;
+        if (a.ranged) {  // only a batch piece asks for a range; a single GET has no job
+            const long long asked = (wholeFile ? atomicLoad(a.job->end) : a.requestedEnd) - a.job->start + 1;
+            if (body.remaining > asked) body.remaining = asked;
+        }
         if (!a.folded.empty()) body.remaining = LLONG_MAX;  // the folded pieces end it (deliverToPieces)
         if (body.remaining < 0) body.remaining = 0;
     }
