@@ -41,7 +41,7 @@ std::string lowered(std::string text) {
 // Whether the target already holds the job's digest. The library compares
 // digests exactly as given, and writes lower-case ones.
 bool holdsDigest(VRAXSecureWebChannel* channel, const Job& job) {
-    if (job.digest.empty() || !pathExists(job.target)) return false;
+    if (job.digest.empty() || !job.landing.present) return false;
     return channel->isValid(job.target.c_str(), lowered(job.digest).c_str(), lowered(job.algorithm).c_str()) == 1;
 }
 
@@ -67,11 +67,11 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
         Outcome& outcome = state.outcomes[considered];
         // The library would compare the file it writes, PLACE.part: the
         // target itself is compared here.
+        job.landing = landingFor(job.target);
         if (holdsDigest(channel, job)) {
             countUpToDate(options, state, job, outcome);
             continue;
         }
-        job.landing = landingFor(job.target);
         const bool originForm = chooseRequestForm(channel, options, job.url);
         int result = channel->addJob(job.url.c_str(), job.landing.path.c_str(), job.size,
                                      job.digest.empty() ? nullptr : job.digest.c_str(),

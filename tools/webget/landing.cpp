@@ -16,21 +16,22 @@ namespace {
 
 constexpr char kPartSuffix[] = ".part";
 
-// The file a symbolic link points to, or the path itself.
-std::string resolved(const std::string& path) {
-    struct stat info;
-    if (lstat(path.c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) return path;
-    char real[PATH_MAX];
-    return realpath(path.c_str(), real) != nullptr ? std::string(real) : path;
-}
-
 }  // namespace
 
+// One lstat for the common case, a target that is not there yet or is a
+// regular file: a batch of thousands of small files pays it per file before
+// its first request.
 Landing landingFor(const std::string& target) {
-    const std::string place = resolved(target);
     struct stat info;
-    if (stat(place.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) return {target, std::string()};
-    return {place + kPartSuffix, place};
+    if (lstat(target.c_str(), &info) != 0) return {target + kPartSuffix, target, false};
+    std::string place = target;
+    if (S_ISLNK(info.st_mode)) {
+        char real[PATH_MAX];
+        if (realpath(target.c_str(), real) != nullptr) place = real;
+        if (stat(place.c_str(), &info) != 0) return {place + kPartSuffix, place, true};  // dangling
+    }
+    if (!S_ISREG(info.st_mode)) return {target, std::string(), true};
+    return {place + kPartSuffix, place, true};
 }
 
 std::string recordOf(const std::string& path) {

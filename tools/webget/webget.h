@@ -170,6 +170,7 @@ private:
 struct Landing {
     std::string path;   // what the library writes: PLACE.part, or the target itself when written in place
     std::string place;  // the file a finished download replaces; empty when written in place
+    bool present = false;  // whether the target existed when the landing was chosen
 };
 // A regular file (or a new one) lands in PLACE.part, PLACE being the target
 // or, for a symbolic link, the file it points to. Anything else (a device
