@@ -106,13 +106,16 @@ waiter=$!
 until_true eval "((\$(served $from share.txt) >= share_bytes / 3))" || fail "share $k not a third served after 30 s"
 job=$(squeue -h -o %F | head -n 1)
 [[ -n $job ]] && scancel "${job}_$k" || fail "no array to cancel"
-wait "$waiter" && fail "the array did not notice the cancelled task"
-# sbatch --wait returns when the task is marked cancelled; its webget records what it has on exit.
+# sbatch --wait returns when the task is marked cancelled, and under load its status has been 0 as well as the
+# task's own, so the task's own account says what it left undone. Its webget records what it has on exit. Whether an unfinished file holds bytes at that moment depends on the timing too: the rerun's count
+# of bytes fetched again covers both.
+wait "$waiter"
 until_true eval '[[ -z $(squeue -h) ]]' || fail "the cancelled task did not end"
 settled
+undone=$(python3 -c 'import json, sys; print(json.load(open(sys.argv[1]))["totals"]["failures"])' slow/webget-$k.json)
 kept=0 partial=0 full=0 && read -r kept partial full < <(check kept slow)
-((partial > 0 && kept < share_bytes)) ||
-  fail "share $k was not cancelled part-way: $kept of $share_bytes bytes kept, $partial in unfinished files"
+((undone > 0 && kept < share_bytes)) ||
+  fail "share $k was not cancelled part-way: $undone files undone, $kept of $share_bytes bytes kept"
 find slow/files -type f ! -name '*.resume' -printf '%P %i %s %T@\n' | sort | grep -vwFf share.txt >others.before
 
 # Run index k again as docs/cluster.md says: it continues the share, and nothing else moves.
