@@ -50,7 +50,7 @@ def served(log):  # bytes sent per file, every request a GET answered 200 or 206
         sent[f[6].rsplit("/", 1)[1]] += int(f[9])
     return sent
 def unfinished(t):  # bytes an unfinished file keeps, None for none: what its record names, or without a record
-    part = f"{data}/files/{t}.part"  # (webget keeps none for small files, fetched whole) its plain prefix
+    part = f"{data}/files/{t}.part"  # (none saved yet when the task was cancelled) its plain prefix
     try:
         return sum(int(b) - int(a) for _, a, b in (l.split() for l in open(f"{part}.resume") if l.startswith("range ")))
     except FileNotFoundError:

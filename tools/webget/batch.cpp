@@ -12,9 +12,6 @@ namespace webget {
 namespace {
 
 // Jobs named one by one when a batch leaves files undone; the rest are counted.
-// Files no larger than this are fetched by one request (the library's
-// smallest piece is 1 MiB), unless the tail of a crawling connection is taken.
-constexpr long long kWholeFileAtMost = 1LL << 20;
 constexpr int kListedUndone = 10;
 
 // Names the jobs that were not completed without being blamed, the first
@@ -111,14 +108,13 @@ size_t offerJobs(VRAXSecureWebChannel* channel, const Options& options, std::vec
             channel->httpResponse(&probed);
             if (probed > 0) job.size = probed;
         }
-        // Without -c the library still keeps the control record of a file
-        // that may be cut into pieces, so that what this run leaves in
-        // PLACE.part a later run can continue. A smaller file leaves a plain
-        // prefix, which the library continues at its end without a record,
-        // or (its crawling tail taken) holes, which start it over; and a
-        // batch of many small files pays for no record a file.
-        if (!options.resume && !job.landing.place.empty() && job.size > kWholeFileAtMost)
-            channel->setParam(wc::kParamContinue, "1", false);
+        // Without -c the library still keeps the control record of every
+        // file, so that what this run leaves in PLACE.part a later run can
+        // continue. Also a small file's: the tail of a crawling connection
+        // may be taken from it, which leaves holes, and on a file system that
+        // does not report holes (NFSv3, for one) only a record tells them
+        // from zeros the server sent.
+        if (!options.resume && !job.landing.place.empty()) channel->setParam(wc::kParamContinue, "1", false);
         state.knownTotal += job.size;
         outcome.size = job.size;
         state.listedAs.push_back(considered);
