@@ -22,7 +22,6 @@
 #include <openssl/evp.h>
 
 #include <functional>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <string>

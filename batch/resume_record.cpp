@@ -5,12 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <sstream>
+#include <thread>
 
 #include "channel/webChannel.h"
 
@@ -285,7 +286,7 @@ bool ResumeRecord::startOver(const std::string& validator) {
 }
 
 long long ResumeRecord::unsaved() const {
-    return m_ended.load(std::memory_order_relaxed) ? 0 : m_unsaved.load(std::memory_order_relaxed);
+    return m_closed.load(std::memory_order_relaxed) ? 0 : m_unsaved.load(std::memory_order_relaxed);
 }
 
 void ResumeRecord::flush(bool always, bool fast) {
@@ -324,7 +325,6 @@ void ResumeRecord::finish() {
     // sees the record closed and does not put it back.
     std::lock_guard<std::mutex> lock(m_lock);
     m_closed = true;
-    m_ended = true;
     if (m_stored) ::unlink(m_path.c_str());
     m_stored = false;
 }
@@ -332,7 +332,6 @@ void ResumeRecord::finish() {
 void ResumeRecord::discard() {
     std::lock_guard<std::mutex> lock(m_lock);
     m_closed = true;
-    m_ended = true;
     m_discarded = true;
     if (m_stored) ::unlink(m_path.c_str());
     m_stored = false;

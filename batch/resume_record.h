@@ -14,14 +14,13 @@
 #ifndef WEBCHANNEL_BATCH_RESUME_RECORD_H
 #define WEBCHANNEL_BATCH_RESUME_RECORD_H
 
-#include <chrono>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "http/body.h"
@@ -104,17 +103,16 @@ private:
     Ranges m_kept;  // what the batch found on disk
     Ranges m_done;  // what is on disk now
     std::string m_validator;
-    // Bytes since the last update, and whether the file ended: also read
-    // without the lock by the keeper, which looks at every record often.
+    // Bytes since the last update: also read without the lock by the
+    // keeper, which looks at every record often (as is m_closed).
     std::atomic<long long> m_unsaved{0};
-    std::atomic<bool> m_ended{false};
     bool m_stored = false;  // a record file is there (written, or found at the start)
     std::chrono::steady_clock::time_point m_saved = std::chrono::steady_clock::now();
     std::chrono::steady_clock::time_point m_began = m_saved;  // the batch's start
     // One save at a time (the keeper's, a start-over's): they share the
     // record's temporary file.
     std::mutex m_saving;
-    bool m_closed = false;
+    std::atomic<bool> m_closed{false};  // the file ended: verified or given up
     bool m_discarded = false;
     bool m_startedOver = false;
     bool m_saveFailed = false;

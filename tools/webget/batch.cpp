@@ -2,7 +2,6 @@
 // progress display, then say what failed and sum up.
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 
@@ -28,11 +27,6 @@ void listNotCompleted(const std::vector<Job>& jobs, const std::vector<int>& fail
         complain("not completed: %s -> %s", jobs[index].url.c_str(), jobs[index].target.c_str());
     }
     if (more > 0) complain("not completed: %d more", more);
-}
-
-std::string lowered(std::string text) {
-    for (char& c : text) c = (char)tolower((unsigned char)c);
-    return text;
 }
 
 // Whether the target already holds the job's digest. The library compares

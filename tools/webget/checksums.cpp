@@ -25,11 +25,6 @@ std::string lastComponent(const std::string& name) {
     return slash == std::string::npos ? name : name.substr(slash + 1);
 }
 
-std::string lowered(std::string text) {
-    for (char& c : text) c = (char)tolower((unsigned char)c);
-    return text;
-}
-
 // The jobs by the name of their target relative to -d DIR, and by their last
 // path component where no other job shares it.
 struct JobIndex {
@@ -57,6 +52,11 @@ struct JobIndex {
 };
 
 }  // namespace
+
+std::string lowered(std::string text) {
+    for (char& c : text) c = (char)tolower((unsigned char)c);
+    return text;
+}
 
 int applyChecksumFiles(const Options& options, std::vector<Job>& jobs) {
     const JobIndex index(jobs);

@@ -213,6 +213,8 @@ int mkdirs(const std::string& directory);
 // Fills in the digests the jobs lack from --checksums files. Returns -1 to go
 // on, or an exit status (a malformed line, a digest that disagrees).
 int applyChecksumFiles(const Options& options, std::vector<Job>& jobs);
+// `text` in lower case (ASCII): digests and algorithm names compare so.
+std::string lowered(std::string text);
 
 // ---- progress.cpp: the progress display ----
 using Clock = std::chrono::steady_clock;
